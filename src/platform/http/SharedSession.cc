@@ -1,0 +1,85 @@
+#include "platform/http/SharedSession.h"
+
+#include <curl/curl.h>
+#include <simdjson.h>
+
+#include <memory>
+#include <mutex>
+
+namespace hvfp {
+namespace {
+
+struct EasyHandle {
+  CURL* curl = nullptr;
+  EasyHandle() {
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    curl = curl_easy_init();
+  }
+  ~EasyHandle() {
+    if (curl) curl_easy_cleanup(curl);
+  }
+};
+
+struct Sink {
+  std::string body;
+  bool oversize = false;
+};
+
+size_t onBody(char* data, size_t size, size_t count, void* user) {
+  auto* sink = static_cast<Sink*>(user);
+  size_t n = size * count;
+  if (sink->body.size() + n > SharedSession::kMaxBody) {
+    sink->oversize = true;
+    return 0;  // aborts the transfer
+  }
+  sink->body.append(data, n);
+  return n;
+}
+
+thread_local QueryOutcome tLastOutcome;
+
+}  // namespace
+
+std::string SharedSession::get(const std::string& url) {
+  thread_local EasyHandle handle;
+  QueryOutcome& outcome = tLastOutcome;
+  outcome = {};
+  CURL* curl = handle.curl;
+  if (!curl) {
+    outcome.failure = "cannot create a transfer";
+    return {};
+  }
+  Sink sink;
+  curl_easy_reset(curl);  // keeps the connection cache
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_PROXY, "");
+  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 60L);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
+  CURLcode rc = curl_easy_perform(curl);
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.httpStatus);
+  if (sink.oversize) {
+    outcome.failure = "reply larger than 256 MiB";
+    return {};
+  }
+  if (rc != CURLE_OK) {
+    outcome.failure = curl_easy_strerror(rc);
+    return {};
+  }
+  if (!simdjson::validate_utf8(sink.body.data(), sink.body.size())) {
+    outcome.failure = "reply is not UTF-8";
+    return {};
+  }
+  outcome.delivered = true;
+  return std::move(sink.body);
+}
+
+QueryOutcome SharedSession::lastOutcome() { return tLastOutcome; }
+
+}  // namespace hvfp
