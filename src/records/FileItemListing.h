@@ -1,0 +1,31 @@
+// Reading a listing reply ({"list":[...], "lasttime":N}) straight into file
+// records, in one streaming pass over the text. Folder listings can hold a
+// hundred thousand entries: going through a JsonValue tree first would cost
+// several times the reply's size in memory. The whole text is still
+// validated, so a reply that is not valid JSON gives no listing at all.
+// Reentrant; any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "records/HVFileItem.h"
+
+namespace hvfp {
+
+struct FileItemListing {
+  // One record per element of "list", in order; an element that is not an
+  // object gives a record at its defaults. Empty when "list" is missing or
+  // not an array.
+  std::vector<HVFileItemRef> list;
+  // "lasttime" by the integer reading; 0 when missing.
+  uint64_t lasttime = 0;
+};
+
+// std::nullopt when the text is not a valid JSON object. The text may grow
+// its capacity for the parser's padding; its contents are not changed.
+std::optional<FileItemListing> readFileItemListing(std::string& text);
+
+}  // namespace hvfp

@@ -1,0 +1,2 @@
+#define HVFP_LISTING_NS listing_fallback
+#include "records/FileItemListingImpl.h"
