@@ -1,0 +1,125 @@
+// Start, host events and message-port notifications of the host client.
+#include <chrono>
+#include <thread>
+
+#include "hostlink/HalvoProviderClient.h"
+#include "platform/Log.h"
+#include "platform/ipc/DBusNames.h"
+#include "platform/ipc/HostEvents.h"
+#include "platform/ipc/MessagePort.h"
+
+namespace hvfp {
+namespace {
+
+constexpr int64_t kMaxSendAttempts = 5;
+constexpr auto kSendRetryPause = std::chrono::milliseconds(500);
+constexpr double kSendTimeout = 1.0;
+constexpr double kReceiveTimeout = 10.0;
+
+// A JSON number, boolean or text has an integer value; null, arrays and
+// objects do not.
+std::optional<int64_t> integerValueOf(const JsonValue* v) {
+  if (!v || v->isNull() || v->isArray() || v->isObject()) return std::nullopt;
+  return integerReading(JsonScalar::of(v));
+}
+
+}  // namespace
+
+void HalvoProviderClient::start(const NSFileProviderDomain& domain) {
+  auto queue = std::make_shared<OperationQueue>();
+  resetRegistries();
+  auto manager = NSFileProviderManager::managerForDomain(domain);
+  setNPort(kDefaultPort);
+  std::string tempPath;
+  if (manager) tempPath = manager->temporaryDirectoryURLWithError().value_or("");
+  {
+    std::lock_guard lock(mPropsLock);
+    if (mUploadQueue_) retiredQueues_.push_back(std::move(mUploadQueue_));
+    mUploadQueue_ = std::move(queue);
+    providerManager_ = manager;
+    strHost_ = kDefaultHost;
+    strTempPath_ = std::move(tempPath);
+  }
+  std::string why;
+  auto listener = HostEventListener::start(
+      [this](const std::optional<std::string>& object) { onRecvFromApp(object); }, &why);
+  if (!listener) log("host events unavailable, running without them: {}", why);
+  std::lock_guard lock(mPropsLock);
+  eventListener_ = std::move(listener);
+}
+
+std::shared_ptr<NSFileProviderManager> HalvoProviderClient::providerManager() const {
+  std::lock_guard lock(mPropsLock);
+  return providerManager_;
+}
+
+std::shared_ptr<OperationQueue> HalvoProviderClient::mUploadQueue() const {
+  std::lock_guard lock(mPropsLock);
+  return mUploadQueue_;
+}
+
+void HalvoProviderClient::onRecvFromApp(const std::optional<std::string>& object) {
+  if (!object) {
+    log("onRecvFromApp error for str");
+    return;
+  }
+  log("onRecvFromApp {}", *object);
+  auto event = objectFromJSONString(*object);
+  if (!event || !event->isObject()) return;
+  auto type = integerValueOf(event->find("type"));
+  if (!type) return;
+  if (*type == 1) {
+    setNPort(integerValueOf(event->find("port")).value_or(0));
+    return;
+  }
+  if (*type != 2) return;
+  int64_t mountId = integerValueOf(event->find("mountid")).value_or(0);
+  const JsonValue* hash = event->find("hash");
+  std::string uuidhash = hash && hash->string() ? *hash->string() : std::string();
+  std::string container = mountId == 0 ? std::string(NSFileProviderRootContainerItemIdentifier)
+                                       : createItemIdentifier(mountId, uuidhash);
+  if (auto manager = providerManager())
+    manager->signalEnumeratorForContainerItemIdentifier(container, [](std::optional<Error>) {});
+}
+
+std::string HalvoProviderClient::getChangeStatus(int32_t msgid) {
+  static constexpr const char* kNames[] = {
+      "MessagePort_Links",      "MessagePort_Files",        "MessagePort_FileInfo",
+      "MessagePort_Download",   "MessagePort_CreateFile",   "MessagePort_UploadInit",
+      "MessagePort_UploadReq",  "MessagePort_UploadFinish", "MessagePort_UploadAbort",
+      "MessagePort_RenameFile", "MessagePort_RemoveFile",   "MessagePort_DeleteFile",
+      "MessagePort_ChangeFile"};
+  if (msgid < 1 || msgid > 13) return {};
+  return kNames[msgid - 1];
+}
+
+std::string HalvoProviderClient::sendData(int64_t msgid, const std::string& content) {
+  return sendDataMore(msgid, content, 0);
+}
+
+std::string HalvoProviderClient::sendDataMore(int64_t msgid, const std::string& content,
+                                              int64_t attempts) {
+  const std::string name = getChangeStatus(static_cast<int32_t>(msgid));
+  for (int64_t k = attempts; k < kMaxSendAttempts; ++k) {
+    std::optional<std::string> reply;
+    {
+      // The lock covers one attempt's port traffic only, never the pause, so
+      // other callers' attempts can go between ours.
+      std::lock_guard lock(mSendLock);
+      auto port = MessagePortRemote::create(dbus::kPortName);
+      if (port) {
+        log("sendData {}:{}", name, content);
+        reply = port->sendRequest(static_cast<int32_t>(msgid), content, kSendTimeout, kReceiveTimeout);
+        if (!reply) log("sendData ret fail:{},error num {}", name, k);
+      }
+    }
+    if (reply) {
+      log("sendData ret:{},{}", name, *reply);
+      return *reply;
+    }
+    std::this_thread::sleep_for(kSendRetryPause);
+  }
+  return {};
+}
+
+}  // namespace hvfp
