@@ -1,9 +1,12 @@
 // Reading a listing reply ({"list":[...], "lasttime":N}) straight into file
 // records, in one streaming pass over the text. Folder listings can hold a
 // hundred thousand entries: going through a JsonValue tree first would cost
-// several times the reply's size in memory. The whole text is still
-// validated, so a reply that is not valid JSON gives no listing at all.
-// Reentrant; any thread.
+// several times the reply's size in memory and time. So the records of one
+// listing are made in one block that also keeps the reply text, and their
+// texts borrow from it where the reply has no escapes. Each HVFileItemRef
+// shares that block: the block lives while any of its records is held.
+// The whole text is still validated, so a reply that is not valid JSON
+// gives no listing at all. Reentrant; any thread.
 #pragma once
 
 #include <cstdint>
@@ -24,8 +27,7 @@ struct FileItemListing {
   uint64_t lasttime = 0;
 };
 
-// std::nullopt when the text is not a valid JSON object. The text may grow
-// its capacity for the parser's padding; its contents are not changed.
-std::optional<FileItemListing> readFileItemListing(std::string& text);
+// std::nullopt when the text is not a valid JSON object.
+std::optional<FileItemListing> readFileItemListing(std::string text);
 
 }  // namespace hvfp

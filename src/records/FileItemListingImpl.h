@@ -3,6 +3,10 @@
 // from the compiler's target flags. Include only with HVFP_LISTING_NS set.
 #include <simdjson.h>
 
+#include <cstring>
+#include <mutex>
+#include <new>
+
 #include "records/FileItemListing.h"
 #include "records/FileItemSlots.h"
 
@@ -16,6 +20,9 @@ using simdjson::SUCCESS;
 // Well under the parser's own limit (1024), which its streaming API only asserts.
 constexpr int kMaxDepth = 256;
 constexpr size_t kReuseLimit = size_t{1} << 20;
+constexpr size_t kCacheLimit = size_t{64} << 20;
+// Keys are short words; a longer one is looked at through the slow path.
+constexpr size_t kMaxKeyScan = 64;
 
 // Reads and checks a value nobody asked for, so that invalid JSON anywhere in
 // the reply is caught as the platform parser would catch it.
@@ -67,6 +74,32 @@ error_code consume(od::value v, int depth) {
   return simdjson::INCORRECT_TYPE;
 }
 
+// A key without escapes is read straight from the reply; only a key with a
+// backslash costs an unescaping copy.
+error_code fieldKey(od::field& field, std::string_view& key) {
+  const char* raw = field.key().raw();
+  const char* end = static_cast<const char*>(std::memchr(raw, '"', kMaxKeyScan));
+  if (end && !std::memchr(raw, '\\', static_cast<size_t>(end - raw))) {
+    key = std::string_view(raw, static_cast<size_t>(end - raw));
+    return SUCCESS;
+  }
+  return field.unescaped_key().get(key);
+}
+
+error_code readString(od::value v, JsonScalar& out) {
+  out.kind = JsonScalar::Kind::String;
+  std::string_view token = v.raw_json_token();
+  size_t end = token.find('"', 1);
+  if (end != std::string_view::npos && token.substr(1, end - 1).find('\\') == std::string_view::npos) {
+    out.s = token.substr(1, end - 1);
+    out.stable = true;  // points into the reply text that the block keeps
+    od::raw_json_string skip;
+    return v.get_raw_json_string().get(skip);
+  }
+  out.stable = false;
+  return v.get_string().get(out.s);
+}
+
 error_code readScalar(od::value v, JsonScalar& out, int depth) {
   od::json_type type;
   if (auto e = v.type().get(type)) return e;
@@ -90,8 +123,7 @@ error_code readScalar(od::value v, JsonScalar& out, int depth) {
       return SUCCESS;
     }
     case od::json_type::string:
-      out.kind = JsonScalar::Kind::String;
-      return v.get_string().get(out.s);
+      return readString(v, out);
     case od::json_type::boolean:
       out.kind = JsonScalar::Kind::Bool;
       return v.get_bool().get(out.b);
@@ -102,28 +134,97 @@ error_code readScalar(od::value v, JsonScalar& out, int depth) {
   }
 }
 
-error_code readEntry(od::value v, HVFileItemRef& record) {
-  record = std::make_shared<HVFileItem>();
+error_code readEntry(od::value v, HVFileItem& record) {
   od::json_type type;
   if (auto e = v.type().get(type)) return e;
   if (type != od::json_type::object) return consume(v, 2);
   od::object o;
   if (auto e = v.get_object().get(o)) return e;
   FileItemSlots slots;
-  for (auto field : o) {
+  for (auto result : o) {
+    od::field field;
+    if (auto e = std::move(result).get(field)) return e;
     std::string_view key;
-    if (auto e = field.unescaped_key().get(key)) return e;
-    od::value x;
-    if (auto e = field.value().get(x)) return e;
+    if (auto e = fieldKey(field, key)) return e;
     auto slot = fileItemKeyOf(key);
-    if (auto e = slot ? readScalar(x, slots[*slot], 3) : consume(x, 3)) return e;
+    if (auto e = slot ? readScalar(field.value(), slots[*slot], 3) : consume(field.value(), 3)) return e;
   }
-  record->fill(slots);
+  record.fill(slots);
   return SUCCESS;
 }
 
-error_code readList(od::value v, std::vector<HVFileItemRef>& list) {
-  list.clear();
+// Memory for records, kept across listings: a large folder listed again
+// reuses pages that are already mapped instead of faulting in fresh ones.
+// Holds at most kPoolLimit bytes; any thread.
+class ChunkPool {
+ public:
+  static constexpr size_t kRecords = 4096;
+  static constexpr size_t kBytes = kRecords * sizeof(HVFileItem);
+  static constexpr size_t kPoolLimit = size_t{64} << 20;
+
+  static void* take() {
+    {
+      std::lock_guard lock(mutex());
+      auto& free = chunks();
+      if (!free.empty()) {
+        void* chunk = free.back();
+        free.pop_back();
+        return chunk;
+      }
+    }
+    return ::operator new(kBytes, std::align_val_t(alignof(HVFileItem)));
+  }
+  static void give(void* chunk) {
+    {
+      std::lock_guard lock(mutex());
+      auto& free = chunks();
+      if ((free.size() + 1) * kBytes <= kPoolLimit) {
+        free.push_back(chunk);
+        return;
+      }
+    }
+    ::operator delete(chunk, std::align_val_t(alignof(HVFileItem)));
+  }
+
+ private:
+  static std::mutex& mutex() {
+    static auto* m = new std::mutex;
+    return *m;
+  }
+  static std::vector<void*>& chunks() {
+    static auto* v = new std::vector<void*>;
+    return *v;
+  }
+};
+
+// The records of one listing and the reply text their texts borrow from.
+// Records are made in fixed chunks, so none ever moves and the array need
+// not be counted first.
+struct ListingBlock {
+  std::string text;
+  std::vector<HVFileItem*> chunks;
+  size_t count = 0;
+
+  ListingBlock() = default;
+  ListingBlock(const ListingBlock&) = delete;
+  ListingBlock& operator=(const ListingBlock&) = delete;
+  ~ListingBlock() { clear(); }
+
+  HVFileItem& add() {
+    if (count % ChunkPool::kRecords == 0) chunks.push_back(static_cast<HVFileItem*>(ChunkPool::take()));
+    return *new (chunks.back() + count++ % ChunkPool::kRecords) HVFileItem;
+  }
+  HVFileItem& at(size_t i) { return chunks[i / ChunkPool::kRecords][i % ChunkPool::kRecords]; }
+  void clear() {
+    for (size_t i = 0; i < count; ++i) at(i).~HVFileItem();
+    for (HVFileItem* chunk : chunks) ChunkPool::give(chunk);
+    chunks.clear();
+    count = 0;
+  }
+};
+
+error_code readList(od::value v, ListingBlock& block) {
+  block.clear();
   od::json_type type;
   if (auto e = v.type().get(type)) return e;
   if (type != od::json_type::array) return consume(v, 1);
@@ -132,32 +233,33 @@ error_code readList(od::value v, std::vector<HVFileItemRef>& list) {
   for (auto element : a) {
     od::value x;
     if (auto e = element.get(x)) return e;
-    if (auto e = readEntry(x, list.emplace_back())) return e;
+    if (auto e = readEntry(x, block.add())) return e;
   }
   return SUCCESS;
 }
 
-error_code readListing(od::parser& parser, std::string& text, FileItemListing& out) {
-  od::document doc;
+error_code readListing(od::parser& parser, ListingBlock& block, uint64_t& lasttime) {
+  std::string& text = block.text;
   if (text.capacity() < text.size() + simdjson::SIMDJSON_PADDING)
     text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
+  od::document doc;
   if (auto e = parser.iterate(text.data(), text.size(), text.capacity()).get(doc)) return e;
   od::object top;
   if (auto e = doc.get_object().get(top)) return e;
-  for (auto field : top) {
+  for (auto result : top) {
+    od::field field;
+    if (auto e = std::move(result).get(field)) return e;
     std::string_view key;
-    if (auto e = field.unescaped_key().get(key)) return e;
-    od::value x;
-    if (auto e = field.value().get(x)) return e;
+    if (auto e = fieldKey(field, key)) return e;
     error_code e = SUCCESS;
     if (key == "list") {
-      e = readList(x, out.list);
+      e = readList(field.value(), block);
     } else if (key == "lasttime") {
       JsonScalar s;
-      e = readScalar(x, s, 1);
-      out.lasttime = static_cast<uint64_t>(integerReading(s));
+      e = readScalar(field.value(), s, 1);
+      lasttime = static_cast<uint64_t>(integerReading(s));
     } else {
-      e = consume(x, 1);
+      e = consume(field.value(), 1);
     }
     if (e) return e;
   }
@@ -167,14 +269,31 @@ error_code readListing(od::parser& parser, std::string& text, FileItemListing& o
   return where == simdjson::OUT_OF_BOUNDS ? SUCCESS : simdjson::TRAILING_CONTENT;
 }
 
+// Small replies reuse one parser per thread. Large ones share one cached
+// parser, so a folder listed again does not pay for fresh buffers; a
+// second large listing at the same moment makes its own.
+error_code readWithParser(ListingBlock& block, uint64_t& lasttime) {
+  if (block.text.size() <= kReuseLimit) {
+    thread_local od::parser small;
+    return readListing(small, block, lasttime);
+  }
+  static std::mutex largeMutex;
+  static od::parser* large = new od::parser;  // kept for the process
+  std::unique_lock lock(largeMutex, std::try_to_lock);
+  if (lock && block.text.size() <= kCacheLimit) return readListing(*large, block, lasttime);
+  od::parser own;
+  return readListing(own, block, lasttime);
+}
+
 }  // namespace
 
-std::optional<FileItemListing> readFileItemListing(std::string& text) {
-  thread_local od::parser shared;
-  od::parser own;
-  od::parser& parser = text.size() <= kReuseLimit ? shared : own;
+std::optional<FileItemListing> readFileItemListing(std::string text) {
+  auto block = std::make_shared<ListingBlock>();
+  block->text = std::move(text);
   FileItemListing out;
-  if (readListing(parser, text, out) != SUCCESS) return std::nullopt;
+  if (readWithParser(*block, out.lasttime) != SUCCESS) return std::nullopt;
+  out.list.reserve(block->count);
+  for (size_t i = 0; i < block->count; ++i) out.list.emplace_back(block, &block->at(i));
   return out;
 }
 

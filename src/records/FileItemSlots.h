@@ -20,7 +20,7 @@ enum class FileItemKey : uint8_t {
 std::optional<FileItemKey> fileItemKeyOf(std::string_view key);
 
 struct FileItemSlots {
-  std::array<JsonScalar, static_cast<size_t>(FileItemKey::Count)> at{};
+  std::array<JsonScalar, static_cast<size_t>(FileItemKey::Count)> at;
   JsonScalar& operator[](FileItemKey k) { return at[static_cast<size_t>(k)]; }
   const JsonScalar& operator[](FileItemKey k) const { return at[static_cast<size_t>(k)]; }
 };

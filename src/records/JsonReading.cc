@@ -66,7 +66,7 @@ int64_t integerReading32(const JsonScalar& v) {
 
 NullableString textReading(const JsonScalar& v) {
   if (v.kind != JsonScalar::Kind::String) return std::nullopt;
-  return std::string(v.s);
+  return v.stable ? NullableString::borrow(v.s) : NullableString(v.s);
 }
 
 int64_t readInteger(const JsonValue& object, std::string_view key) {

@@ -16,19 +16,25 @@
 #include <vector>
 
 #include "records/Json.h"
+#include "records/NullableString.h"
 
 namespace hvfp {
-
-using NullableString = std::optional<std::string>;
 
 struct JsonScalar {
   enum class Kind : uint8_t { Absent, Null, Bool, Int, UInt, Double, String, Container };
   Kind kind = Kind::Absent;
-  bool b = false;
-  int64_t i = 0;
-  uint64_t u = 0;
-  double d = 0;
+  // `s` lives as long as the record being filled (it points into a reply
+  // text the record's owner keeps), so the record may borrow it.
+  bool stable = false;
+  union {
+    bool b;
+    int64_t i;
+    uint64_t u;
+    double d;
+  };
   std::string_view s;
+
+  JsonScalar() : i(0) {}
 
   static JsonScalar of(const JsonValue* v);
 };

@@ -130,8 +130,7 @@ TEST(RecordsFileItemListing, StreamingReaderMatchesTreeReader) {
     {"file\u006eame":"escaped key","filename":"last wins"},
     7, "text", null, [1,2]
   ],"other":{"deep":[[[]]]}})";
-  std::string copy = text;
-  auto listing = readFileItemListing(copy);
+  auto listing = readFileItemListing(text);
   ASSERT_TRUE(listing);
   EXPECT_EQ(listing->lasttime, 1700000000u);
   auto tree = objectFromJSONString(text);

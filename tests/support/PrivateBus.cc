@@ -101,9 +101,9 @@ bool PrivateBus::available() {
   while (start <= dirs.size()) {
     size_t end = dirs.find(':', start);
     if (end == std::string::npos) end = dirs.size();
-    std::string dir = dirs.substr(start, end - start);
-    if (dir.empty()) dir = ".";
-    if (access((dir + "/" + kDaemon).c_str(), X_OK) == 0) return true;
+    std::string candidate = end > start ? dirs.substr(start, end - start) : std::string(".");
+    candidate.append("/").append(kDaemon);
+    if (access(candidate.c_str(), X_OK) == 0) return true;
     start = end + 1;
   }
   return false;

@@ -22,13 +22,26 @@ struct EasyHandle {
 };
 
 struct Sink {
+  CURL* curl = nullptr;
   std::string body;
   bool oversize = false;
+  bool sized = false;
 };
+
+// Room for the whole announced body plus the JSON parser's padding, so the
+// reply is neither grown piecewise nor copied again before it is parsed.
+constexpr size_t kParserPadding = 64;
 
 size_t onBody(char* data, size_t size, size_t count, void* user) {
   auto* sink = static_cast<Sink*>(user);
   size_t n = size * count;
+  if (!sink->sized) {
+    sink->sized = true;
+    curl_off_t announced = -1;
+    curl_easy_getinfo(sink->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    if (announced > 0 && static_cast<size_t>(announced) <= SharedSession::kMaxBody)
+      sink->body.reserve(static_cast<size_t>(announced) + kParserPadding);
+  }
   if (sink->body.size() + n > SharedSession::kMaxBody) {
     sink->oversize = true;
     return 0;  // aborts the transfer
@@ -51,6 +64,7 @@ std::string SharedSession::get(const std::string& url) {
     return {};
   }
   Sink sink;
+  sink.curl = curl;
   curl_easy_reset(curl);  // keeps the connection cache
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
