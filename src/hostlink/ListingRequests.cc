@@ -23,8 +23,7 @@ QueryList typeQuery(const char* type) {
 
 std::vector<HVFileItemRef> HalvoProviderClient::listing(const QueryList& list,
                                                         uint64_t* lasttime) const {
-  std::string reply = syncRequestByArray(list);
-  auto parsed = readFileItemListing(reply);
+  auto parsed = readFileItemListing(syncRequestByArray(list));
   if (!parsed) return {};
   if (lasttime) *lasttime = parsed->lasttime;
   return std::move(parsed->list);
