@@ -1,0 +1,59 @@
+#include "extension/FileProviderExtension.h"
+
+#include "hostlink/HalvoProviderClient.h"
+#include "item/FileProviderItem.h"
+#include "platform/Log.h"
+
+namespace hvfp {
+namespace {
+
+HalvoProviderClient& client() { return HalvoProviderClient::shareHalvoProviderClient(); }
+
+// A mount shown under a collision name must keep that name when looked up
+// alone, or the framework would see it renamed back.
+void applyRegisteredRootName(FileProviderItem& item) {
+  if (!item.isRoot()) return;
+  std::string name = client().checkRootChangeName(item.itemIdentifier());
+  if (!name.empty()) item.setFileName(name);
+}
+
+}  // namespace
+
+FileProviderExtension::FileProviderExtension(const NSFileProviderDomain& domain)
+    : mTaskQueue_(std::make_unique<OperationQueue>()) {
+  client().start(domain);
+  log("FileProvider 6.2.3.20010");
+}
+
+// Waits for queued tasks: they hold handlers the framework expects called.
+FileProviderExtension::~FileProviderExtension() = default;
+
+std::shared_ptr<FileProviderEnumerator> FileProviderExtension::enumeratorForContainerItemIdentifier(
+    const std::string& containerItemIdentifier, const NSFileProviderRequest& request,
+    Error* error) {
+  (void)request;
+  (void)error;
+  const int64_t anchor = nCurrentAnchor_.fetch_add(1) + 1;
+  return std::make_shared<FileProviderEnumerator>(containerItemIdentifier, anchor);
+}
+
+std::shared_ptr<Progress> FileProviderExtension::itemForIdentifier(
+    const std::string& identifier, const NSFileProviderRequest& request,
+    ItemCompletionHandler completionHandler) {
+  log("FileProviderExtension itemForIdentifier:{},{},{}", identifier,
+      request.isSystemRequest ? 1 : 0, request.isFileViewerRequest ? 1 : 0);
+  std::shared_ptr<FileProviderItem> item = FileProviderItem::initWithItemIdentifier(identifier);
+  if (item) {
+    applyRegisteredRootName(*item);
+    item->test();
+  }
+  if (completionHandler) {
+    if (item)
+      completionHandler(std::move(item), std::nullopt);
+    else
+      completionHandler(nullptr, Error::cocoa(ErrorCode::LookupFailed));
+  }
+  return Progress::make();
+}
+
+}  // namespace hvfp

@@ -1,0 +1,68 @@
+// FileProviderExtension: the framework's entry into the provider for one
+// domain. It hands out enumerators, answers item lookups from the host, and
+// (in later work) turns fetches, creations, modifications and deletions into
+// tasks on its task queue or the client's upload queue.
+//
+// Ownership: made once per domain by whoever plays the framework (the driver,
+// the console) and kept for the life of the domain. It owns mTaskQueue; the
+// host client it starts is the process singleton. Enumerators are shared with
+// the caller.
+//
+// Threads: every operation may be called from any thread, several at once.
+// Lookups block the calling thread on the host query and call their handler
+// on that thread before returning. The anchor counter is atomic.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "extension/FileProviderEnumerator.h"
+#include "platform/Error.h"
+#include "platform/Progress.h"
+#include "platform/dispatch/OperationQueue.h"
+#include "platform/fileprovider/FileProvider.h"
+
+namespace hvfp {
+
+class FileProviderExtension {
+ public:
+  using ItemCompletionHandler =
+      std::function<void(std::shared_ptr<NSFileProviderItem> item, std::optional<Error> error)>;
+
+  // initWithDomain: starts the host client for the domain.
+  explicit FileProviderExtension(const NSFileProviderDomain& domain);
+  ~FileProviderExtension();
+  FileProviderExtension(const FileProviderExtension&) = delete;
+  FileProviderExtension& operator=(const FileProviderExtension&) = delete;
+
+  int64_t nCurrentAnchor() const { return nCurrentAnchor_.load(); }
+  void setNCurrentAnchor(int64_t anchor) { nCurrentAnchor_.store(anchor); }
+  OperationQueue& mTaskQueue() { return *mTaskQueue_; }
+
+  // The client, queues and running tasks are left alone: the process ends
+  // with the extension.
+  void invalidate() {}
+
+  // Never fails and never asks the host; each enumerator gets the next
+  // anchor. `error` is never written.
+  std::shared_ptr<FileProviderEnumerator> enumeratorForContainerItemIdentifier(
+      const std::string& containerItemIdentifier, const NSFileProviderRequest& request,
+      Error* error);
+
+  // The handler runs exactly once, before the return: with the item, or with
+  // NSCocoaErrorDomain 4610 when the host does not confirm the identifier.
+  // The progress returned is connected to nothing.
+  std::shared_ptr<Progress> itemForIdentifier(const std::string& identifier,
+                                              const NSFileProviderRequest& request,
+                                              ItemCompletionHandler completionHandler);
+
+ private:
+  std::atomic<int64_t> nCurrentAnchor_{1};
+  std::unique_ptr<OperationQueue> mTaskQueue_;
+};
+
+}  // namespace hvfp
