@@ -49,6 +49,8 @@ class HalvoProviderClient {
   static std::string getChangeStatus(int32_t msgid);
 
   std::shared_ptr<NSFileProviderManager> providerManager() const;
+  // Whether start found a session bus to hear host events on.
+  bool hearsHostEvents() const;
   std::shared_ptr<OperationQueue> mUploadQueue() const;
 
   // --- properties -------------------------------------------------------

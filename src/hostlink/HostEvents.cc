@@ -53,6 +53,11 @@ std::shared_ptr<NSFileProviderManager> HalvoProviderClient::providerManager() co
   return providerManager_;
 }
 
+bool HalvoProviderClient::hearsHostEvents() const {
+  std::lock_guard lock(mPropsLock);
+  return eventListener_ != nullptr;
+}
+
 std::shared_ptr<OperationQueue> HalvoProviderClient::mUploadQueue() const {
   std::lock_guard lock(mPropsLock);
   return mUploadQueue_;

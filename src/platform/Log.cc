@@ -12,6 +12,7 @@ namespace {
 std::mutex gMutex;
 LogSink gSink = LogSink::Stderr;
 std::vector<std::string> gCaptured;
+std::function<void(std::string_view)> gCallback;
 
 }  // namespace
 
@@ -19,6 +20,11 @@ void setLogSink(LogSink sink) {
   std::lock_guard lock(gMutex);
   if (sink == LogSink::Syslog && gSink != LogSink::Syslog) openlog("halvofp", LOG_PID, LOG_USER);
   gSink = sink;
+}
+
+void setLogCallback(std::function<void(std::string_view line)> callback) {
+  std::lock_guard lock(gMutex);
+  gCallback = std::move(callback);
 }
 
 std::vector<std::string> takeCapturedLog() {
@@ -37,6 +43,9 @@ void logLine(std::string_view line) {
       break;
     case LogSink::Capture:
       gCaptured.emplace_back(line);
+      break;
+    case LogSink::Callback:
+      if (gCallback) gCallback(line);
       break;
     case LogSink::Silent:
       break;

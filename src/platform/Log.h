@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,9 +15,12 @@
 
 namespace hvfp {
 
-enum class LogSink { Stderr, Syslog, Capture, Silent };
+enum class LogSink { Stderr, Syslog, Capture, Callback, Silent };
 
 void setLogSink(LogSink sink);
+// Receives each line while the sink is Callback; runs on the logging thread
+// under the log's lock, so it must not log itself.
+void setLogCallback(std::function<void(std::string_view line)> callback);
 // Lines collected while the sink is Capture; takes them out.
 std::vector<std::string> takeCapturedLog();
 

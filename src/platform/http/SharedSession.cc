@@ -51,6 +51,7 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
 }
 
 thread_local QueryOutcome tLastOutcome;
+thread_local uint64_t tQueriesMade = 0;
 
 }  // namespace
 
@@ -58,6 +59,7 @@ std::string SharedSession::get(const std::string& url) {
   thread_local EasyHandle handle;
   QueryOutcome& outcome = tLastOutcome;
   outcome = {};
+  ++tQueriesMade;
   CURL* curl = handle.curl;
   if (!curl) {
     outcome.failure = "cannot create a transfer";
@@ -95,5 +97,6 @@ std::string SharedSession::get(const std::string& url) {
 }
 
 QueryOutcome SharedSession::lastOutcome() { return tLastOutcome; }
+uint64_t SharedSession::queriesMade() { return tQueriesMade; }
 
 }  // namespace hvfp

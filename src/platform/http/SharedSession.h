@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace hvfp {
@@ -27,6 +28,9 @@ class SharedSession {
 
   static std::string get(const std::string& url);
   static QueryOutcome lastOutcome();
+  // How many queries this thread has made; tells whether lastOutcome() is
+  // about a query made since some earlier moment.
+  static uint64_t queriesMade();
 };
 
 }  // namespace hvfp

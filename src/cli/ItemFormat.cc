@@ -1,0 +1,121 @@
+#include "cli/ItemFormat.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+
+#include "records/Json.h"
+
+namespace hvfp::cli {
+namespace {
+
+std::string kindOf(NSFileProviderItem& item) {
+  std::string type = item.contentType().identifier;
+  if (type != "public.folder") return type;
+  // Mount roots cannot be renamed or moved; that sets them apart from folders.
+  return (item.capabilities() & 8) ? "folder" : "mount";
+}
+
+template <typename T, typename Fn>
+void optionalMember(JsonWriter& w, const char* key, const std::optional<T>& v, Fn write) {
+  w.key(key);
+  if (v) write(*v);
+  else w.null();
+}
+
+}  // namespace
+
+std::string humanSize(uint64_t bytes) {
+  if (bytes < 1024) return std::to_string(bytes) + " B";
+  static constexpr const char* kUnits[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  double value = static_cast<double>(bytes);
+  int unit = -1;
+  while (value >= 1024 && unit < 5) {
+    value /= 1024;
+    ++unit;
+  }
+  char buf[32];
+  std::snprintf(buf, sizeof buf, value < 10 ? "%.1f %s" : "%.0f %s", value, kUnits[unit]);
+  return buf;
+}
+
+std::string shortDate(double seconds) {
+  std::time_t t = static_cast<std::time_t>(std::floor(seconds));
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+  return buf;
+}
+
+std::string itemJson(NSFileProviderItem& item) {
+  std::string out;
+  JsonWriter w(out);
+  auto text = [&](const std::string& s) { w.value(s); };
+  auto number = [&](uint64_t n) { w.value(n); };
+  auto date = [&](double d) { w.value(d); };
+  w.beginObject();
+  w.key("capabilities").value(item.capabilities());
+  optionalMember(w, "childItemCount", item.childItemCount(), number);
+  optionalMember(w, "contentModificationDate", item.contentModificationDate(), date);
+  w.key("contentType").value(item.contentType().identifier);
+  optionalMember(w, "creationDate", item.creationDate(), date);
+  optionalMember(w, "documentSize", item.documentSize(), number);
+  optionalMember(w, "filename", item.filename(), text);
+  w.key("itemIdentifier").value(item.itemIdentifier());
+  optionalMember(w, "itemVersion", item.itemVersion(), [&](const NSFileProviderItemVersion& v) {
+    w.beginObject().key("contentVersion").value(v.contentVersion);
+    w.key("metadataVersion").value(v.metadataVersion).endObject();
+  });
+  optionalMember(w, "lastUsedDate", item.lastUsedDate(), date);
+  optionalMember(w, "parentItemIdentifier", item.parentItemIdentifier(), text);
+  w.endObject();
+  return out;
+}
+
+void printTable(std::ostream& out, const std::vector<NSFileProviderItemRef>& items) {
+  std::vector<std::array<std::string, 5>> rows;
+  rows.push_back({"NAME", "IDENTIFIER", "KIND", "SIZE", "MODIFIED"});
+  for (const auto& item : items) {
+    auto size = item->documentSize();
+    auto modified = item->contentModificationDate();
+    bool folder = item->contentType().identifier == "public.folder";
+    rows.push_back({item->filename().value_or("(no name)"), item->itemIdentifier(), kindOf(*item),
+                    size && !folder ? humanSize(*size) : "-", modified ? shortDate(*modified) : "-"});
+  }
+  std::array<size_t, 5> width{};
+  for (const auto& row : rows)
+    for (size_t c = 0; c < row.size(); ++c) width[c] = std::max(width[c], row[c].size());
+  for (const auto& row : rows) {
+    std::string line;
+    for (size_t c = 0; c < row.size(); ++c) {
+      bool rightAligned = c == 3;
+      std::string pad(width[c] - row[c].size(), ' ');
+      line += rightAligned ? pad + row[c] : row[c] + (c + 1 < row.size() ? pad : "");
+      if (c + 1 < row.size()) line += "  ";
+    }
+    out << line << '\n';
+  }
+}
+
+void printDetails(std::ostream& out, NSFileProviderItem& item) {
+  auto orDash = [](const auto& v, auto show) { return v ? show(*v) : std::string("(null)"); };
+  auto asText = [](const std::string& s) { return s; };
+  auto asNumber = [](uint64_t n) { return std::to_string(n); };
+  auto asDate = [](double d) { return shortDate(d) + " UTC"; };
+  out << "filename:                " << orDash(item.filename(), asText) << '\n'
+      << "itemIdentifier:          " << item.itemIdentifier() << '\n'
+      << "parentItemIdentifier:    " << orDash(item.parentItemIdentifier(), asText) << '\n'
+      << "contentType:             " << item.contentType().identifier << '\n'
+      << "capabilities:            " << item.capabilities() << '\n'
+      << "documentSize:            " << orDash(item.documentSize(), asNumber) << '\n'
+      << "childItemCount:          " << orDash(item.childItemCount(), asNumber) << '\n'
+      << "creationDate:            " << orDash(item.creationDate(), asDate) << '\n'
+      << "contentModificationDate: " << orDash(item.contentModificationDate(), asDate) << '\n'
+      << "lastUsedDate:            " << orDash(item.lastUsedDate(), asDate) << '\n';
+  auto version = item.itemVersion();
+  out << "contentVersion:          " << (version ? version->contentVersion : "(null)") << '\n'
+      << "metadataVersion:         " << (version ? version->metadataVersion : "(null)") << '\n';
+}
+
+}  // namespace hvfp::cli
