@@ -1,51 +1,134 @@
 #include "platform/Log.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace hvfp {
 namespace {
 
-std::mutex gMutex;
-LogSink gSink = LogSink::Stderr;
-std::vector<std::string> gCaptured;
-std::function<void(std::string_view)> gCallback;
+// Lines bound for stderr or syslog are handed to one writer thread, so a
+// caller that logs a line per item of a large folder pays for formatting
+// and a copy, not a system call per line. Callers wait only when the
+// writer falls this far behind.
+constexpr size_t kMaxPending = size_t{8} << 20;
+
+struct LogState {
+  std::mutex mutex;
+  std::condition_variable wake;     // the writer: lines are pending
+  std::condition_variable drained;  // callers: the writer caught up
+  LogSink sink = LogSink::Stderr;
+  std::string pending;              // newline-terminated lines
+  bool writing = false;
+  bool writerStarted = false;
+  std::vector<std::string> captured;
+  std::function<void(std::string_view)> callback;
+};
+
+LogState& state() {
+  static auto* s = new LogState;  // outlives static destruction: late lines still log
+  return *s;
+}
+
+void writeOut(LogSink sink, const std::string& lines) {
+  if (sink == LogSink::Syslog) {
+    size_t start = 0;
+    while (start < lines.size()) {
+      size_t end = lines.find('\n', start);
+      syslog(LOG_NOTICE, "%.*s", static_cast<int>(end - start), lines.data() + start);
+      start = end + 1;
+    }
+    return;
+  }
+  size_t done = 0;
+  while (done < lines.size()) {
+    ssize_t n = ::write(STDERR_FILENO, lines.data() + done, lines.size() - done);
+    if (n <= 0) return;  // nowhere to write: drop rather than spin
+    done += static_cast<size_t>(n);
+  }
+}
+
+void writerLoop() {
+  LogState& s = state();
+  std::unique_lock lock(s.mutex);
+  for (;;) {
+    s.wake.wait(lock, [&] { return !s.pending.empty(); });
+    std::string lines = std::exchange(s.pending, {});
+    LogSink sink = s.sink;
+    s.writing = true;
+    lock.unlock();
+    writeOut(sink, lines);
+    lock.lock();
+    s.writing = false;
+    s.drained.notify_all();
+    // A short pause lets a burst of lines gather into one write.
+    if (s.pending.size() < 64 * 1024) {
+      lock.unlock();
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      lock.lock();
+    }
+  }
+}
+
+void flushAtExit() { flushLog(); }
 
 }  // namespace
 
 void setLogSink(LogSink sink) {
-  std::lock_guard lock(gMutex);
-  if (sink == LogSink::Syslog && gSink != LogSink::Syslog) openlog("halvofp", LOG_PID, LOG_USER);
-  gSink = sink;
+  flushLog();
+  LogState& s = state();
+  std::lock_guard lock(s.mutex);
+  if (sink == LogSink::Syslog && s.sink != LogSink::Syslog) openlog("halvofp", LOG_PID, LOG_USER);
+  s.sink = sink;
 }
 
 void setLogCallback(std::function<void(std::string_view line)> callback) {
-  std::lock_guard lock(gMutex);
-  gCallback = std::move(callback);
+  LogState& s = state();
+  std::lock_guard lock(s.mutex);
+  s.callback = std::move(callback);
 }
 
 std::vector<std::string> takeCapturedLog() {
-  std::lock_guard lock(gMutex);
-  return std::exchange(gCaptured, {});
+  LogState& s = state();
+  std::lock_guard lock(s.mutex);
+  return std::exchange(s.captured, {});
+}
+
+void flushLog() {
+  LogState& s = state();
+  std::unique_lock lock(s.mutex);
+  s.drained.wait(lock, [&] { return s.pending.empty() && !s.writing; });
 }
 
 void logLine(std::string_view line) {
-  std::lock_guard lock(gMutex);
-  switch (gSink) {
+  LogState& s = state();
+  std::unique_lock lock(s.mutex);
+  switch (s.sink) {
     case LogSink::Stderr:
-      std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
-      break;
     case LogSink::Syslog:
-      syslog(LOG_NOTICE, "%.*s", static_cast<int>(line.size()), line.data());
+      if (!s.writerStarted) {
+        s.writerStarted = true;
+        std::thread(writerLoop).detach();
+        std::atexit(flushAtExit);
+      }
+      s.drained.wait(lock, [&] { return s.pending.size() < kMaxPending; });
+      // Only the first line of a batch wakes the writer; it takes the whole
+      // batch at once.
+      if (s.pending.empty()) s.wake.notify_one();
+      s.pending.append(line).push_back('\n');
       break;
     case LogSink::Capture:
-      gCaptured.emplace_back(line);
+      s.captured.emplace_back(line);
       break;
     case LogSink::Callback:
-      if (gCallback) gCallback(line);
+      if (s.callback) s.callback(line);
       break;
     case LogSink::Silent:
       break;

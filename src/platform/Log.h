@@ -2,7 +2,8 @@
 //
 // Lines go to stderr by default, to syslog when the process runs in the
 // background, or to a capture buffer in tests. Safe from any thread; each line
-// is written whole.
+// is written whole and in order. Stderr and syslog lines are written by a
+// background thread; flushLog() waits until they are out (done at exit too).
 #pragma once
 
 #include <fmt/format.h>
@@ -25,6 +26,7 @@ void setLogCallback(std::function<void(std::string_view line)> callback);
 std::vector<std::string> takeCapturedLog();
 
 void logLine(std::string_view line);
+void flushLog();
 
 template <typename... Args>
 void log(fmt::format_string<Args...> format, Args&&... args) {

@@ -76,6 +76,8 @@ std::string SharedSession::get(const std::string& url) {
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 60L);
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
+  // Large listings arrive in fewer, bigger reads; small replies are unaffected.
+  curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 256L * 1024);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
   CURLcode rc = curl_easy_perform(curl);
