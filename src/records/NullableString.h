@@ -150,7 +150,7 @@ class NullableString {
   }
 
   // Inline: the text in raw_[0..13]. External: pointer and 32-bit size.
-  alignas(8) unsigned char raw_[15];
+  alignas(8) unsigned char raw_[15] = {};
   uint8_t tag_;
 };
 

@@ -1,0 +1,85 @@
+#include "Digest.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <unistd.h>
+
+#include <random>
+#include <vector>
+
+namespace hvfp::hostd {
+
+Sha1::Sha1() : ctx_(EVP_MD_CTX_new()) { EVP_DigestInit_ex(ctx_, EVP_sha1(), nullptr); }
+Sha1::~Sha1() { EVP_MD_CTX_free(ctx_); }
+Sha1::Sha1(const Sha1& other) : ctx_(EVP_MD_CTX_new()) { EVP_MD_CTX_copy_ex(ctx_, other.ctx_); }
+Sha1& Sha1::operator=(const Sha1& other) {
+  if (this != &other) EVP_MD_CTX_copy_ex(ctx_, other.ctx_);
+  return *this;
+}
+
+void Sha1::update(const void* data, size_t size) { EVP_DigestUpdate(ctx_, data, size); }
+
+std::string Sha1::hex() const {
+  EVP_MD_CTX* copy = EVP_MD_CTX_new();
+  EVP_MD_CTX_copy_ex(copy, ctx_);
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  EVP_DigestFinal_ex(copy, digest, &len);
+  EVP_MD_CTX_free(copy);
+  static const char* kHex = "0123456789abcdef";
+  std::string out;
+  for (unsigned i = 0; i < len; ++i) {
+    out.push_back(kHex[digest[i] >> 4]);
+    out.push_back(kHex[digest[i] & 15]);
+  }
+  return out;
+}
+
+std::string sha1Hex(std::string_view bytes) {
+  Sha1 h;
+  h.update(bytes.data(), bytes.size());
+  return h.hex();
+}
+
+std::optional<std::string> sha1OfFile(const std::filesystem::path& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  Sha1 h;
+  std::vector<char> buf(1 << 20);
+  for (;;) {
+    ssize_t n = ::read(fd, buf.data(), buf.size());
+    if (n < 0) {
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    h.update(buf.data(), static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return h.hex();
+}
+
+std::string randomHex(size_t bytes) {
+  std::vector<unsigned char> raw(bytes);
+  if (RAND_bytes(raw.data(), static_cast<int>(raw.size())) != 1) {
+    std::random_device rd;
+    for (auto& b : raw) b = static_cast<unsigned char>(rd());
+  }
+  static const char* kHex = "0123456789abcdef";
+  std::string out;
+  for (auto b : raw) {
+    out.push_back(kHex[b >> 4]);
+    out.push_back(kHex[b & 15]);
+  }
+  return out;
+}
+
+bool isSha1Hex(std::string_view text) {
+  if (text.size() != 40) return false;
+  for (char c : text)
+    if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
+  return true;
+}
+
+}  // namespace hvfp::hostd
