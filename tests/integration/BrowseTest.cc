@@ -1,0 +1,191 @@
+// The provider against the real host app: halvo-hostd with its sample cloud
+// on free ports and a private session bus.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "extension/FileProviderEnumerator.h"
+#include "extension/FileProviderExtension.h"
+#include "hostlink/HalvoProviderClient.h"
+#include "platform/Log.h"
+#include "records/JsonReading.h"
+#include "support/PrivateBus.h"
+
+extern char** environ;
+
+namespace hvfp {
+namespace {
+
+namespace fs = std::filesystem;
+
+pid_t spawn(std::vector<std::string> args, const fs::path& log) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+int waitExit(pid_t pid) {
+  int status = 0;
+  if (pid <= 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+struct Collector : NSFileProviderEnumerationObserver, NSFileProviderChangeObserver {
+  std::vector<NSFileProviderItemRef> items;
+  std::string anchor;
+  void didEnumerateItems(std::vector<NSFileProviderItemRef> b) override { items = std::move(b); }
+  void finishEnumeratingUpToPage(std::optional<std::string>) override {}
+  void didUpdateItems(std::vector<NSFileProviderItemRef> b) override { items = std::move(b); }
+  void didDeleteItemsWithIdentifiers(std::vector<std::string>) override {}
+  void finishEnumeratingChangesUpToSyncAnchor(std::string a, bool) override { anchor = std::move(a); }
+  void finishEnumeratingWithError(const Error&) override {}
+
+  std::vector<std::string> names() {
+    std::vector<std::string> out;
+    for (auto& item : items) out.push_back(item->filename().value_or("(null)"));
+    return out;
+  }
+};
+
+class IntegrationBrowse : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!test::PrivateBus::available()) GTEST_SKIP() << "dbus-daemon not installed";
+    bus = std::make_unique<test::PrivateBus>();
+    ASSERT_TRUE(bus->ok()) << bus->error();
+    root = fs::path(::testing::TempDir()) / ("browse-" + std::to_string(::getpid()));
+    fs::remove_all(root);
+    fs::create_directories(root);
+    setenv("XDG_CACHE_HOME", (root / "cache").c_str(), 1);
+    host = spawn({HALVO_HOSTD_BIN, "--root", root.string(), "--port", "0", "--upload-ports", "0",
+                  "--download-port", "0", "--admin-port", "0", "--seed", "sample", "--quiet"},
+                 root / "hostd.log");
+    ASSERT_GT(host, 0);
+    ASSERT_TRUE(readQueryPort()) << "halvo-hostd did not start; see " << (root / "hostd.log");
+    setLogSink(LogSink::Silent);
+    extension = std::make_unique<FileProviderExtension>(NSFileProviderDomain{"integration", "Integration"});
+    auto& client = HalvoProviderClient::shareHalvoProviderClient();
+    client.onRecvFromApp(R"({"type":1,"port":)" + std::to_string(queryPort) + "}");
+    client.providerManager()->setSignalHandler([this](const std::string& id) {
+      std::lock_guard lock(mutex);
+      signalled.push_back(id);
+      wake.notify_all();
+    });
+  }
+
+  void TearDown() override {
+    extension.reset();
+    // Drop the event listener before the bus goes away.
+    HalvoProviderClient::shareHalvoProviderClient().start(NSFileProviderDomain{"integration", ""});
+    if (host > 0) {
+      ::kill(host, SIGTERM);
+      waitExit(host);
+    }
+    fs::remove_all(root);
+  }
+
+  bool readQueryPort() {
+    for (int i = 0; i < 200; ++i) {
+      std::ifstream in(root / "hostd.ports.json");
+      std::stringstream text;
+      text << in.rdbuf();
+      if (auto v = objectFromJSONString(text.str()); v && v->find("query")) {
+        queryPort = readInteger(*v, "query");
+        return queryPort > 0;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+  }
+
+  int ctl(std::vector<std::string> args) {
+    args.insert(args.begin(), {HALVO_HOSTD_BIN, "ctl", "--root", root.string()});
+    return waitExit(spawn(args, root / "ctl.log"));
+  }
+
+  bool waitForSignal(const std::string& container) {
+    std::unique_lock lock(mutex);
+    return wake.wait_for(lock, std::chrono::seconds(10), [&] {
+      return std::find(signalled.begin(), signalled.end(), container) != signalled.end();
+    });
+  }
+
+  Collector list(const std::string& container) {
+    Collector c;
+    extension->enumeratorForContainerItemIdentifier(container, {}, nullptr)->enumerateItemsForObserver(c, "");
+    return c;
+  }
+
+  std::unique_ptr<test::PrivateBus> bus;
+  fs::path root;
+  pid_t host = -1;
+  int64_t queryPort = 0;
+  std::unique_ptr<FileProviderExtension> extension;
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::vector<std::string> signalled;
+};
+
+TEST_F(IntegrationBrowse, SampleCloudShowsMountsWithDisplayNames) {
+  Collector mounts = list(std::string(NSFileProviderRootContainerItemIdentifier));
+  auto names = mounts.names();
+  ASSERT_EQ(names.size(), 3u);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "Docs"), 1);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "Docs(2)"), 1);
+
+  std::string renamed;
+  for (auto& item : mounts.items)
+    if (item->filename() == "Docs(2)") renamed = item->itemIdentifier();
+  std::optional<std::string> lookedUp;
+  extension->itemForIdentifier(renamed, {}, [&](NSFileProviderItemRef item, std::optional<Error>) {
+    if (item) lookedUp = item->filename();
+  });
+  EXPECT_EQ(lookedUp, "Docs(2)");
+
+  Collector trash = list(std::string(NSFileProviderTrashContainerItemIdentifier));
+  ASSERT_FALSE(trash.items.empty());
+  EXPECT_EQ(trash.items[0]->parentItemIdentifier(), std::string(NSFileProviderTrashContainerItemIdentifier));
+}
+
+TEST_F(IntegrationBrowse, ChangeFromAnotherDeviceSignalsTheFolderAndShowsInItsReport) {
+  Collector mounts = list(std::string(NSFileProviderRootContainerItemIdentifier));
+  ASSERT_FALSE(mounts.items.empty());
+  std::string mount = mounts.items[0]->itemIdentifier();
+
+  ASSERT_EQ(ctl({"add-folder", "--mount", mount, "--name", "From elsewhere"}), 0);
+  ASSERT_TRUE(waitForSignal(mount)) << "no host event signalled mount " << mount;
+
+  auto enumerator = extension->enumeratorForContainerItemIdentifier(mount, {}, nullptr);
+  Collector changes;
+  enumerator->enumerateChangesForObserver(changes, "7");
+  auto names = changes.names();
+  EXPECT_NE(std::find(names.begin(), names.end(), "From elsewhere"), names.end());
+  EXPECT_EQ(changes.anchor, "7");
+
+  Collector delta;
+  extension->enumeratorForContainerItemIdentifier(std::string(NSFileProviderWorkingSetContainerItemIdentifier), {}, nullptr)
+      ->enumerateChangesForObserver(delta, "1");
+  names = delta.names();
+  EXPECT_NE(std::find(names.begin(), names.end(), "From elsewhere"), names.end());
+}
+
+}  // namespace
+}  // namespace hvfp
