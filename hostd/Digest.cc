@@ -1,9 +1,10 @@
 #include "Digest.h"
 
-#include <fcntl.h>
+#include "digest/FileMD5Hash.h"
+#include "digest/NSDataExpand.h"
+
 #include <openssl/evp.h>
 #include <openssl/rand.h>
-#include <unistd.h>
 
 #include <random>
 #include <vector>
@@ -36,28 +37,12 @@ std::string Sha1::hex() const {
   return out;
 }
 
-std::string sha1Hex(std::string_view bytes) {
-  Sha1 h;
-  h.update(bytes.data(), bytes.size());
-  return h.hex();
-}
+// The provider's own digests serve the host too: one implementation of the
+// file hash the two sides compare.
+std::string sha1Hex(std::string_view bytes) { return sha1HexDigest(bytes); }
 
 std::optional<std::string> sha1OfFile(const std::filesystem::path& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  Sha1 h;
-  std::vector<char> buf(1 << 20);
-  for (;;) {
-    ssize_t n = ::read(fd, buf.data(), buf.size());
-    if (n < 0) {
-      ::close(fd);
-      return std::nullopt;
-    }
-    if (n == 0) break;
-    h.update(buf.data(), static_cast<size_t>(n));
-  }
-  ::close(fd);
-  return h.hex();
+  return FileSHA1::FileMD5HashCreateWithPath(path.string(), 0);
 }
 
 std::string randomHex(size_t bytes) {
