@@ -9,17 +9,6 @@
 namespace hvfp {
 namespace {
 
-struct EasyHandle {
-  CURL* curl = nullptr;
-  EasyHandle() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-    curl = curl_easy_init();
-  }
-  ~EasyHandle() {
-    if (curl) curl_easy_cleanup(curl);
-  }
-};
 
 struct Sink {
   CURL* curl = nullptr;
@@ -50,6 +39,31 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
   return n;
 }
 
+struct EasyHandle {
+  CURL* curl = nullptr;
+  EasyHandle() {
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    curl = curl_easy_init();
+    if (!curl) return;
+    // Set once per thread: every query shares them, and a handle that is
+    // not reset keeps its buffers as well as its connection.
+    curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_PROXY, "");
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 60L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
+    // Large listings arrive in fewer, bigger reads; small replies are unaffected.
+    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 256L * 1024);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
+  }
+  ~EasyHandle() {
+    if (curl) curl_easy_cleanup(curl);
+  }
+};
+
 thread_local QueryOutcome tLastOutcome;
 thread_local uint64_t tQueriesMade = 0;
 
@@ -67,18 +81,7 @@ std::string SharedSession::get(const std::string& url) {
   }
   Sink sink;
   sink.curl = curl;
-  curl_easy_reset(curl);  // keeps the connection cache
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_PROXY, "");
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 60L);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
-  // Large listings arrive in fewer, bigger reads; small replies are unaffected.
-  curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 256L * 1024);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
   CURLcode rc = curl_easy_perform(curl);
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.httpStatus);
