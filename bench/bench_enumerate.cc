@@ -23,13 +23,13 @@
 #include <atomic>
 #include <cstdio>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "RatioReporter.h"
 #include "extension/FileProviderEnumerator.h"
 #include "extension/FileProviderExtension.h"
 #include "hostlink/HalvoProviderClient.h"
@@ -255,34 +255,6 @@ void timed(benchmark::State& state, const std::function<bool()>& body) {
   }
 }
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  RatioReporter() : ConsoleReporter(::isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const auto& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      auto& total = totals_[run.run_name.function_name];
-      total.seconds += run.real_accumulated_time;
-      total.iterations += static_cast<double>(run.iterations);
-    }
-  }
-
-  std::optional<double> meanSeconds(const std::string& name) const {
-    auto it = totals_.find(name);
-    if (it == totals_.end() || it->second.iterations == 0) return std::nullopt;
-    return it->second.seconds / it->second.iterations;
-  }
-
- private:
-  struct Total {
-    double seconds = 0;
-    double iterations = 0;
-  };
-  std::map<std::string, Total> totals_;
-};
-
 void registerRound(const char* name, std::function<bool()> body) {
   benchmark::RegisterBenchmark(name, [body](benchmark::State& s) { timed(s, body); })
       ->Iterations(2)
@@ -335,7 +307,7 @@ int main(int argc, char** argv) {
     registerRound(kLookupBare, [h] { return lookupsBare(h); });
   }
 
-  RatioReporter reporter;
+  hvfp::bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   ::kill(host->pid, SIGKILL);

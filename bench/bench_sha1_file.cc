@@ -9,11 +9,11 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "RatioReporter.h"
 #include "digest/FileMD5Hash.h"
 
 namespace {
@@ -108,36 +108,6 @@ void runDigest(benchmark::State& state, const std::string& path, Digest digest) 
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFileBytes));
 }
 
-// Keeps Google Benchmark's table and sums each side's wall time on the way.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  // Colour codes in a pipe would land in front of the ratio line that scripts parse.
-  RatioReporter() : ConsoleReporter(::isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const auto& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      auto& total = totals_[run.run_name.function_name];
-      total.seconds += run.real_accumulated_time;
-      total.iterations += static_cast<double>(run.iterations);
-    }
-  }
-
-  std::optional<double> meanSeconds(const std::string& name) const {
-    auto it = totals_.find(name);
-    if (it == totals_.end() || it->second.iterations == 0) return std::nullopt;
-    return it->second.seconds / it->second.iterations;
-  }
-
- private:
-  struct Total {
-    double seconds = 0;
-    double iterations = 0;
-  };
-  std::map<std::string, Total> totals_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -166,7 +136,7 @@ int main(int argc, char** argv) {
         ->Unit(benchmark::kMillisecond);
   }
 
-  RatioReporter reporter;
+  hvfp::bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 

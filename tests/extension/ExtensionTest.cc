@@ -1,24 +1,8 @@
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include "ExtensionFixture.h"
+#include "support/ChildProcess.h"
 
 namespace hvfp::test {
 namespace {
-
-// A loopback port that nothing listens on.
-int deadPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  socklen_t len = sizeof addr;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  ::close(fd);
-  return ntohs(addr.sin_port);
-}
 
 struct LookupResult {
   int calls = 0;
@@ -63,7 +47,7 @@ TEST_F(ExtensionStart, EnumeratorsTakeAnchorsTwoThreeFourWithoutAskingTheHost) {
 }
 
 TEST_F(ExtensionLookup, ContainersNeedNoHost) {
-  client().setNPort(deadPort());
+  client().setNPort(unusedLoopbackPort());
   for (const std::string& id : {kRoot, kTrash, kWorkingSet}) {
     LookupResult r = lookup(id);
     EXPECT_EQ(r.calls, 1);
@@ -87,7 +71,7 @@ TEST_F(ExtensionLookup, UnknownIdentifierFailsWith4610) {
 TEST_F(ExtensionLookup, ProvisionalOrUnreachableFailsWith4610) {
   LookupResult provisional = lookup("__fp/fs/1");
   EXPECT_EQ(server.requestCount(), 0u);
-  client().setNPort(deadPort());
+  client().setNPort(unusedLoopbackPort());
   LookupResult unreachable = lookup("5/h1");
   for (const auto& r : {provisional, unreachable}) {
     EXPECT_EQ(r.calls, 1);

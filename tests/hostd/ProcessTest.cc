@@ -1,10 +1,7 @@
 // The real halvo-hostd binary as a child process: restart safety after
 // kill -9, the loopback-only rule, and ctl against a running host.
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <netinet/in.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -13,49 +10,16 @@
 #include "Ctl.h"
 #include "Digest.h"
 #include "HostdFixture.h"
+#include "support/ChildProcess.h"
 
 namespace hvfp::hostd::test {
 namespace {
 
-int freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  socklen_t len = sizeof a;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  ::close(fd);
-  return ntohs(a.sin_port);
-}
+using ::hvfp::test::spawn;
+using ::hvfp::test::unusedLoopbackPort;
 
-pid_t spawn(const std::vector<std::string>& args, const std::filesystem::path& logFile) {
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    FILE* f = std::fopen(logFile.c_str(), "a");
-    if (f) {
-      ::dup2(fileno(f), 1);
-      ::dup2(fileno(f), 2);
-    }
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-  return pid;
-}
-
-int waitExit(pid_t pid) {
-  int status = 0;
-  for (int i = 0; i < 200; ++i) {
-    if (::waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, &status, 0);
-  return -2;
-}
+// Bounded, so that a hung halvo-hostd fails its test instead of the run.
+int waitExit(pid_t pid) { return ::hvfp::test::waitExit(pid, std::chrono::seconds(10)); }
 
 class HostdProcess : public ::testing::Test {
  protected:
@@ -108,7 +72,7 @@ class HostdProcess : public ::testing::Test {
 };
 
 TEST_F(HostdProcess, AcknowledgedChangesSurviveKill9) {
-  int uploadPort = freePort();
+  int uploadPort = unusedLoopbackPort();
   std::vector<std::string> ports{"--upload-ports", std::to_string(uploadPort)};
   ASSERT_TRUE(start(ports));
   auto folder = query("type=create&webpath=Kept&filehash=&filesize=0&createtime=1&lasttime=2&mount_id=1&dir=1");

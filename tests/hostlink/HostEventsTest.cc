@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 #include "hostlink/HalvoProviderClient.h"
@@ -12,28 +10,10 @@
 #include "platform/ipc/MessagePort.h"
 #include "support/LoopbackServer.h"
 #include "support/PrivateBus.h"
+#include "support/SignalRecorder.h"
 
 namespace hvfp {
 namespace {
-
-// Collects the containers the manager was asked to signal.
-struct Signals {
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::vector<std::string> containers;
-
-  void attach(NSFileProviderManager& manager) {
-    manager.setSignalHandler([this](const std::string& id) {
-      std::lock_guard lock(mutex);
-      containers.push_back(id);
-      cv.notify_all();
-    });
-  }
-  bool waitFor(size_t n) {
-    std::unique_lock lock(mutex);
-    return cv.wait_for(lock, std::chrono::seconds(10), [&] { return containers.size() >= n; });
-  }
-};
 
 class HostlinkEvents : public ::testing::Test {
  protected:
@@ -46,7 +26,7 @@ class HostlinkEvents : public ::testing::Test {
   std::string lastSignal() { return signals.containers.empty() ? "" : signals.containers.back(); }
 
   HalvoProviderClient& client = HalvoProviderClient::shareHalvoProviderClient();
-  Signals signals;
+  test::SignalRecorder signals;
 };
 
 TEST_F(HostlinkEvents, StartSetsDefaultsAndTemporaryDirectory) {
@@ -127,7 +107,7 @@ class HostlinkOverBus : public ::testing::Test {
 
   std::unique_ptr<test::PrivateBus> bus;
   HalvoProviderClient& client = HalvoProviderClient::shareHalvoProviderClient();
-  Signals signals;
+  test::SignalRecorder signals;
 };
 
 TEST_F(HostlinkOverBus, EmittedEventReachesTheManager) {

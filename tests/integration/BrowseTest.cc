@@ -1,16 +1,12 @@
 // The provider against the real host app: halvo-hostd with its sample cloud
 // on free ports and a private session bus.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -19,34 +15,17 @@
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"
 #include "records/JsonReading.h"
+#include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
-
-extern char** environ;
+#include "support/SignalRecorder.h"
 
 namespace hvfp {
 namespace {
 
 namespace fs = std::filesystem;
 
-pid_t spawn(std::vector<std::string> args, const fs::path& log) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
-
-int waitExit(pid_t pid) {
-  int status = 0;
-  if (pid <= 0 || waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using test::spawn;
+using test::waitExit;
 
 struct Collector : NSFileProviderEnumerationObserver, NSFileProviderChangeObserver {
   std::vector<NSFileProviderItemRef> items;
@@ -84,11 +63,7 @@ class IntegrationBrowse : public ::testing::Test {
     extension = std::make_unique<FileProviderExtension>(NSFileProviderDomain{"integration", "Integration"});
     auto& client = HalvoProviderClient::shareHalvoProviderClient();
     client.onRecvFromApp(R"({"type":1,"port":)" + std::to_string(queryPort) + "}");
-    client.providerManager()->setSignalHandler([this](const std::string& id) {
-      std::lock_guard lock(mutex);
-      signalled.push_back(id);
-      wake.notify_all();
-    });
+    signals.attach(*client.providerManager());
   }
 
   void TearDown() override {
@@ -121,13 +96,6 @@ class IntegrationBrowse : public ::testing::Test {
     return waitExit(spawn(args, root / "ctl.log"));
   }
 
-  bool waitForSignal(const std::string& container) {
-    std::unique_lock lock(mutex);
-    return wake.wait_for(lock, std::chrono::seconds(10), [&] {
-      return std::find(signalled.begin(), signalled.end(), container) != signalled.end();
-    });
-  }
-
   Collector list(const std::string& container) {
     Collector c;
     extension->enumeratorForContainerItemIdentifier(container, {}, nullptr)->enumerateItemsForObserver(c, "");
@@ -139,9 +107,7 @@ class IntegrationBrowse : public ::testing::Test {
   pid_t host = -1;
   int64_t queryPort = 0;
   std::unique_ptr<FileProviderExtension> extension;
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::vector<std::string> signalled;
+  test::SignalRecorder signals;
 };
 
 TEST_F(IntegrationBrowse, SampleCloudShowsMountsWithDisplayNames) {
@@ -171,7 +137,7 @@ TEST_F(IntegrationBrowse, ChangeFromAnotherDeviceSignalsTheFolderAndShowsInItsRe
   std::string mount = mounts.items[0]->itemIdentifier();
 
   ASSERT_EQ(ctl({"add-folder", "--mount", mount, "--name", "From elsewhere"}), 0);
-  ASSERT_TRUE(waitForSignal(mount)) << "no host event signalled mount " << mount;
+  ASSERT_TRUE(signals.waitForContainer(mount)) << "no host event signalled mount " << mount;
 
   auto enumerator = extension->enumeratorForContainerItemIdentifier(mount, {}, nullptr);
   Collector changes;
