@@ -1,7 +1,7 @@
 # Front door: `make run` and `make test` work on a fresh machine.
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: deps dev release test run bench clean
+.PHONY: deps dev release programs test run bench clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -14,10 +14,14 @@ release: deps
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j $(JOBS)
 
+programs: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS) --target halvofp halvo-hostd
+
 test: dev
 	@ctest --preset dev -j $(JOBS)
 
-run: release
+run: programs
 	@bash scripts/run.sh build/release
 
 bench: release
