@@ -8,6 +8,7 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,57 +25,64 @@ inline const std::string kRoot(NSFileProviderRootContainerItemIdentifier);
 inline const std::string kTrash(NSFileProviderTrashContainerItemIdentifier);
 inline const std::string kWorkingSet(NSFileProviderWorkingSetContainerItemIdentifier);
 
-// One call made on an observer, in the order made.
-struct ObserverCall {
-  std::string what;  // "items", "finish", "update", "delete", "error"
-  std::vector<NSFileProviderItemRef> items;
-  std::optional<std::string> page;  // next page or anchor
-  bool moreComing = false;
-};
+using Lines = std::vector<std::string>;
+// The three dates of an item line for a record without times.
+inline const std::string kEpochDates =
+    "1970-01-01 00:00:00 +0000,1970-01-01 00:00:00 +0000,1970-01-01 00:00:00 +0000";
 
+// A mount entry of a listing, and a listing reply of entries.
+inline std::string mount(size_t id, const std::string& name, int lasttime) {
+  return "{\"filename\":\"" + name + "\",\"mount_id\":" + std::to_string(id) +
+         ",\"uuidhash\":\"\",\"lasttime\":" + std::to_string(lasttime) + ",\"status\":0}";
+}
+
+inline std::string list(const Lines& entries) {
+  std::string out = "{\"list\":[";
+  for (size_t i = 0; i < entries.size(); ++i) out += (i ? "," : "") + entries[i];
+  return out + "],\"lasttime\":99}";
+}
+
+// Records every call the enumerators make on an observer: its name in order
+// ("finish" followed by the page or anchor given, and " more" when more is
+// coming) and every item reported, in order.
 class RecordingObserver : public NSFileProviderEnumerationObserver,
                           public NSFileProviderChangeObserver {
  public:
-  void didEnumerateItems(std::vector<NSFileProviderItemRef> items) override {
-    calls.push_back({"items", std::move(items), std::nullopt, false});
+  void didEnumerateItems(std::vector<NSFileProviderItemRef> batch) override {
+    add("items", std::move(batch));
   }
   void finishEnumeratingUpToPage(std::optional<std::string> nextPage) override {
-    calls.push_back({"finish", {}, std::move(nextPage), false});
+    add(nextPage ? "finish " + *nextPage : "finish");
   }
-  void didUpdateItems(std::vector<NSFileProviderItemRef> items) override {
-    calls.push_back({"update", std::move(items), std::nullopt, false});
+  void didUpdateItems(std::vector<NSFileProviderItemRef> batch) override {
+    add("update", std::move(batch));
   }
-  void didDeleteItemsWithIdentifiers(std::vector<std::string>) override {
-    calls.push_back({"delete", {}, std::nullopt, false});
-  }
+  void didDeleteItemsWithIdentifiers(std::vector<std::string>) override { add("delete"); }
   void finishEnumeratingChangesUpToSyncAnchor(std::string anchor, bool moreComing) override {
-    calls.push_back({"finish", {}, std::move(anchor), moreComing});
+    add("finish " + anchor + (moreComing ? " more" : ""));
   }
-  void finishEnumeratingWithError(const Error&) override {
-    calls.push_back({"error", {}, std::nullopt, false});
+  void finishEnumeratingWithError(const Error&) override { add("error"); }
+
+  Lines each(const std::function<std::optional<std::string>(NSFileProviderItem&)>& field) const {
+    Lines out;
+    for (const auto& item : items) out.push_back(std::string(orNull(field(*item))));
+    return out;
+  }
+  Lines names() const {
+    return each([](auto& i) { return i.filename(); });
+  }
+  Lines parents() const {
+    return each([](auto& i) { return i.parentItemIdentifier(); });
   }
 
-  std::vector<std::string> sequence() const {
-    std::vector<std::string> out;
-    for (const auto& c : calls) out.push_back(c.what);
-    return out;
-  }
-  // Names of the one batch's items, in order.
-  std::vector<std::string> names() const {
-    std::vector<std::string> out;
-    for (const auto& c : calls)
-      for (const auto& item : c.items) out.push_back(std::string(orNull(item->filename())));
-    return out;
-  }
-  std::vector<std::string> parents() const {
-    std::vector<std::string> out;
-    for (const auto& c : calls)
-      for (const auto& item : c.items)
-        out.push_back(std::string(orNull(item->parentItemIdentifier())));
-    return out;
-  }
+  Lines sequence;
+  std::vector<NSFileProviderItemRef> items;
 
-  std::vector<ObserverCall> calls;
+ private:
+  void add(std::string what, std::vector<NSFileProviderItemRef> batch = {}) {
+    sequence.push_back(std::move(what));
+    items.insert(items.end(), batch.begin(), batch.end());
+  }
 };
 
 class ExtensionTest : public ::testing::Test {
@@ -88,9 +96,8 @@ class ExtensionTest : public ::testing::Test {
     setLogSink(LogSink::Capture);
     extension = std::make_unique<FileProviderExtension>(NSFileProviderDomain{"test", "Test"});
     startLog = takeCapturedLog();
-    auto& client = HalvoProviderClient::shareHalvoProviderClient();
-    client.setStrHost("http://127.0.0.1");
-    client.setNPort(server.port());
+    client().setStrHost("http://127.0.0.1");
+    client().setNPort(server.port());
   }
   void TearDown() override {
     extension.reset();
@@ -102,11 +109,17 @@ class ExtensionTest : public ::testing::Test {
   std::shared_ptr<FileProviderEnumerator> enumerator(const std::string& container) {
     return extension->enumeratorForContainerItemIdentifier(container, {}, nullptr);
   }
+  // A listing of `container` against the next queued reply.
+  RecordingObserver listing(const std::string& container) {
+    RecordingObserver observer;
+    enumerator(container)->enumerateItemsForObserver(observer, "");
+    return observer;
+  }
   static HalvoProviderClient& client() { return HalvoProviderClient::shareHalvoProviderClient(); }
 
   LoopbackServer server;
   std::unique_ptr<FileProviderExtension> extension;
-  std::vector<std::string> startLog;
+  Lines startLog;
 
  private:
   std::string dir_;

@@ -14,93 +14,71 @@ class ExtensionLookup : public ExtensionTest {
  protected:
   LookupResult lookup(const std::string& identifier, NSFileProviderRequest request = {}) {
     LookupResult result;
-    auto progress = extension->itemForIdentifier(
+    EXPECT_TRUE(extension->itemForIdentifier(
         identifier, request,
         [&](std::shared_ptr<NSFileProviderItem> item, std::optional<Error> error) {
           ++result.calls;
           result.item = std::move(item);
           result.error = std::move(error);
-        });
-    EXPECT_TRUE(progress);
+        }));
+    EXPECT_EQ(result.calls, 1) << identifier;  // the handler is called exactly once
     return result;
   }
 };
 
 using ExtensionStart = ExtensionTest;
 
-TEST_F(ExtensionStart, LogsTheVersionAndStartsTheCounterAtOne) {
+TEST_F(ExtensionStart, EnumeratorsTakeAnchorsTwoThreeFourWithoutAskingTheHost) {
   EXPECT_EQ(startLog.back(), "FileProvider 6.2.3.20010");
   EXPECT_EQ(extension->nCurrentAnchor(), 1);
-}
-
-TEST_F(ExtensionStart, EnumeratorsTakeAnchorsTwoThreeFourWithoutAskingTheHost) {
-  std::vector<int64_t> anchors;
-  for (const std::string& id : {kRoot, std::string("__fp/x"), std::string("5/h1")})
-    anchors.push_back(enumerator(id)->nCurrentAnchor());
-  EXPECT_EQ(anchors, (std::vector<int64_t>{2, 3, 4}));
+  Lines anchors, expectedLog;
+  for (const std::string& id : {kRoot, std::string("__fp/x"), std::string("5/h1")}) {
+    enumerator(id)->currentSyncAnchorWithCompletionHandler([&](auto a) { anchors.push_back(*a); });
+    const std::string at = id + "," + anchors.back();
+    expectedLog.insert(expectedLog.end(), {"FileProviderEnumerator init " + at,
+                                           "currentSyncAnchorWithCompletionHandler " + at});
+  }
+  EXPECT_EQ(anchors, (Lines{"2", "3", "4"}));
   EXPECT_EQ(extension->nCurrentAnchor(), 4);
   EXPECT_EQ(server.requestCount(), 0u);
-  EXPECT_EQ(takeCapturedLog(),
-            (std::vector<std::string>{
-                "FileProviderEnumerator init NSFileProviderRootContainerItemIdentifier,2",
-                "FileProviderEnumerator init __fp/x,3", "FileProviderEnumerator init 5/h1,4"}));
+  EXPECT_EQ(takeCapturedLog(), expectedLog);
 }
 
-TEST_F(ExtensionLookup, ContainersNeedNoHost) {
-  client().setNPort(unusedLoopbackPort());
-  for (const std::string& id : {kRoot, kTrash, kWorkingSet}) {
-    LookupResult r = lookup(id);
-    EXPECT_EQ(r.calls, 1);
+TEST_F(ExtensionLookup, AnswersOnceWithTheItemOr4610) {
+  server.enqueue({200,
+                  R"({"status_code":200,"filename":"a.txt","mount_id":5,"uuidhash":"h1",)"
+                  R"("up_hash":"u","webpath":"a.txt","filehash":"f","filesize":1,"status":0})"});
+  server.enqueue({200, R"({"status_code":404,"error_code":0})"});
+  for (const std::string& id : {std::string("5/h1"), kRoot, kTrash, kWorkingSet}) {
+    LookupResult r = lookup(id, {true, false});
     ASSERT_TRUE(r.item);
     EXPECT_EQ(r.item->itemIdentifier(), id);
     EXPECT_EQ(r.error, std::nullopt);
   }
-}
-
-TEST_F(ExtensionLookup, UnknownIdentifierFailsWith4610) {
-  server.enqueue({200, R"({"status_code":404,"error_code":0})"});
-  LookupResult r = lookup("5/h1");
-  EXPECT_EQ(server.queries(), std::vector<std::string>{"type=fileinfo&uuidhash=h1&mount_id=5"});
-  EXPECT_EQ(r.calls, 1);
-  EXPECT_EQ(r.item, nullptr);
-  EXPECT_EQ(r.error, (Error{"NSCocoaErrorDomain", 4610, {}}));
-  EXPECT_EQ(takeCapturedLog(),
-            std::vector<std::string>{"FileProviderExtension itemForIdentifier:5/h1,0,0"});
-}
-
-TEST_F(ExtensionLookup, ProvisionalOrUnreachableFailsWith4610) {
-  LookupResult provisional = lookup("__fp/fs/1");
-  EXPECT_EQ(server.requestCount(), 0u);
+  const std::string prefix = "FileProviderExtension itemForIdentifier:";
+  Lines log = takeCapturedLog();
+  EXPECT_EQ(Lines(log.begin(), log.begin() + 2),
+            (Lines{prefix + "5/h1,1,0",
+                   "a.txt,5/h1,5/u,127,public.plain-text,{\"filehash\":\"f\",\"filesize\":1},"
+                   "(null),1," +
+                       kEpochDates + ",0"}));
+  // Containers need no host; unknown (404), provisional and unreachable fail.
+  std::vector<LookupResult> failed{lookup("5/h2"), lookup("__fp/fs/1")};
+  EXPECT_EQ(server.queries(), (Lines{"type=fileinfo&uuidhash=h1&mount_id=5",
+                                     "type=fileinfo&uuidhash=h2&mount_id=5"}));
   client().setNPort(unusedLoopbackPort());
-  LookupResult unreachable = lookup("5/h1");
-  for (const auto& r : {provisional, unreachable}) {
-    EXPECT_EQ(r.calls, 1);
+  failed.push_back(lookup("5/h1", {true, false}));
+  for (const auto& r : failed) {
     EXPECT_EQ(r.item, nullptr);
-    EXPECT_EQ(r.error, Error::cocoa(4610));
+    EXPECT_EQ(r.error, (Error{"NSCocoaErrorDomain", 4610, {}}));
   }
-}
-
-TEST_F(ExtensionLookup, FoundItemIsLoggedWithTheRequestFlags) {
-  server.enqueue({200,
-                  R"({"status_code":200,"filename":"a.txt","mount_id":5,"uuidhash":"h1",)"
-                  R"("up_hash":"u","webpath":"a.txt","filehash":"f","filesize":1,"status":0})"});
-  LookupResult r = lookup("5/h1", {true, false});
-  EXPECT_EQ(r.calls, 1);
-  ASSERT_TRUE(r.item);
-  EXPECT_EQ(r.error, std::nullopt);
-  EXPECT_EQ(
-      takeCapturedLog(),
-      (std::vector<std::string>{
-          "FileProviderExtension itemForIdentifier:5/h1,1,0",
-          "a.txt,5/h1,5/u,127,public.plain-text,{\"filehash\":\"f\",\"filesize\":1},(null),1,"
-          "1970-01-01 00:00:00 +0000,1970-01-01 00:00:00 +0000,1970-01-01 00:00:00 +0000,0"}));
+  EXPECT_EQ(takeCapturedLog(),
+            (Lines{prefix + "5/h2,0,0", prefix + "__fp/fs/1,0,0", prefix + "5/h1,1,0"}));
 }
 
 TEST_F(ExtensionLookup, MountRootTakesTheNameEnumerationRegistered) {
-  server.enqueue({200, R"({"list":[{"filename":"Docs","mount_id":1,"lasttime":300},)"
-                       R"({"filename":"Docs","mount_id":2,"lasttime":100}]})"});
-  RecordingObserver observer;
-  enumerator(kRoot)->enumerateItemsForObserver(observer, "");
+  server.enqueue({200, list({mount(1, "Docs", 300), mount(2, "Docs", 100)})});
+  listing(kRoot);
   const std::string mountReply =
       R"({"status_code":200,"root":1,"dir":1,"filename":"Docs","uuidhash":"",)";
   server.enqueue({200, mountReply + R"("mount_id":1})"});

@@ -13,7 +13,7 @@
 namespace hvfp::hostd::test {
 namespace {
 
-class HostdEvents : public ::testing::Test {
+class HostdEvents : public HostFixture {
  protected:
   void SetUp() override {
     if (!hvfp::test::PrivateBus::available()) GTEST_SKIP() << "no dbus-daemon";
@@ -25,71 +25,56 @@ class HostdEvents : public ::testing::Test {
       cv_.notify_all();
     });
     ASSERT_TRUE(listener_);
-    HostConfig c;
-    c.root = root_.path();
-    c.port = c.downloadPort = c.adminPort = 0;
-    c.uploadPorts = {0};
-    c.quiet = true;
-    c.seed = "sample";
-    host_ = std::make_unique<Host>(c);
-    std::string why;
-    ASSERT_TRUE(host_->start(&why)) << why;
+    HostFixture::SetUp();
   }
+  void configure(HostConfig& c) override { c.useBus = true; }
   void TearDown() override {
-    if (host_) host_->stop();
-    host_.reset();
-    listener_.reset();
-    bus_.reset();
+    HostFixture::TearDown();
+    host_.reset();  // before the bus it is on goes away
   }
   // The next event, waiting at most 5 s.
   std::optional<JsonValue> nextEvent() {
     std::unique_lock lock(mutex_);
-    if (!cv_.wait_for(lock, std::chrono::seconds(5), [&] { return !events_.empty(); })) return std::nullopt;
+    if (!cv_.wait_for(lock, std::chrono::seconds(5), [&] { return !events_.empty(); }))
+      return std::nullopt;
     auto text = events_.front();
     events_.erase(events_.begin());
     return objectFromJSONString(text);
   }
-  Reply ctl(const std::string& cmd, Params p) { return host_->control(cmd, p); }
 
-  TempRoot root_;
   std::unique_ptr<hvfp::test::PrivateBus> bus_;
   std::unique_ptr<HostEventListener> listener_;
-  std::unique_ptr<Host> host_;
   std::mutex mutex_;
   std::condition_variable cv_;
   std::vector<std::string> events_;
 };
 
 TEST_F(HostdEvents, CtlChangesAnnounceTheChangedFolder) {
-  auto reports = host_->store().itemAt(1, "Reports");
-  ASSERT_TRUE(reports);
-  ctl("add-file", {{"mount", "1"}, {"parent-path", "Reports"}, {"name", "n.txt"}, {"text", "hi"}});
+  std::string reports = strOf(child(1, "", "Reports"), "uuidhash");
+  ctl("add-file", "mount=1&parent-path=Reports&name=n.txt&text=hi");
   auto e = nextEvent();
   ASSERT_TRUE(e);
   EXPECT_EQ(intOf(*e, "type"), 2);
   EXPECT_EQ(intOf(*e, "mountid"), 1);
-  EXPECT_EQ(strOf(*e, "hash"), reports->uuid);
-  ctl("move", {{"mount", "1"}, {"path", "Reports/n.txt"}, {"to-path", ""}});
+  EXPECT_EQ(strOf(*e, "hash"), reports);
+  ctl("move", "mount=1&path=Reports%2Fn.txt&to-path=");
   auto from = nextEvent(), to = nextEvent();
   ASSERT_TRUE(from && to);
-  EXPECT_EQ(strOf(*from, "hash"), reports->uuid);
+  EXPECT_EQ(strOf(*from, "hash"), reports);
   EXPECT_EQ(strOf(*to, "hash"), "");
-  ctl("add-mount", {{"name", "More"}});
+  ctl("add-mount", "name=More");
   auto top = nextEvent();
   ASSERT_TRUE(top);
   EXPECT_EQ(intOf(*top, "mountid"), 0);
 }
 
-TEST_F(HostdEvents, PortMoveAnnouncesTheNewPort) {
-  auto r = ctl("move-port", {{"port", "0"}});
-  ASSERT_EQ(r.status, 200);
+TEST_F(HostdEvents, PortMoveAnnouncesTheNewPortAndTheMessagePortAnswers) {
+  ctl("move-port", "port=0");
   auto e = nextEvent();
   ASSERT_TRUE(e);
   EXPECT_EQ(intOf(*e, "type"), 1);
   EXPECT_EQ(intOf(*e, "port"), host_->queryPort());
-}
 
-TEST_F(HostdEvents, MessagePortAnswersEveryNotice) {
   auto remote = MessagePortRemote::create(dbus::kPortName);
   ASSERT_TRUE(remote);
   auto reply = remote->sendRequest(5, R"({"path":"a"})", 1.0, 10.0);

@@ -3,8 +3,12 @@
 // Each test owns its fixture; nothing here is shared between threads.
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
@@ -50,19 +54,102 @@ inline JsonArray listOf(const JsonValue& v) {
   return m && m->array() ? *m->array() : JsonArray{};
 }
 
+struct RawReply {
+  int status = 0;  // 0: no reply at all
+  std::string body;
+};
+
+// One raw client connection, so that early replies and closed connections are
+// visible; every wait is bounded.
+class RawConn {
+ public:
+  explicit RawConn(int port) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);  // else send() fails
+    timeval tv{5, 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  }
+  ~RawConn() { ::close(fd_); }
+  bool send(const std::string& data) {
+    return ::send(fd_, data.data(), data.size(), MSG_NOSIGNAL) == ssize_t(data.size());
+  }
+
+  RawReply reply() {
+    std::string buf;
+    char tmp[4096];
+    size_t headEnd;
+    while ((headEnd = buf.find("\r\n\r\n")) == std::string::npos) {
+      ssize_t n = ::recv(fd_, tmp, sizeof tmp, 0);
+      if (n <= 0) return {};
+      buf.append(tmp, size_t(n));
+    }
+    RawReply r{std::stoi(buf.substr(9, 3)), buf.substr(headEnd + 4)};
+    auto cl = buf.find("Content-Length: ");
+    size_t length = cl == std::string::npos ? 0 : std::stoul(buf.substr(cl + 16));
+    while (r.body.size() < length) {
+      ssize_t n = ::recv(fd_, tmp, sizeof tmp, 0);
+      if (n <= 0) break;
+      r.body.append(tmp, size_t(n));
+    }
+    return r;
+  }
+
+  // The server closed its side: a read gives EOF or an error within 5 s.
+  bool closedByPeer() {
+    char tmp[256];
+    for (int i = 0; i < 50; ++i) {
+      ssize_t n = ::recv(fd_, tmp, sizeof tmp, 0);
+      if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) return true;
+    }
+    return false;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+inline std::string pieceHead(const std::string& session, uint64_t first, uint64_t last,
+                             size_t length) {
+  return "PUT /upload_part HTTP/1.1\r\nHost: 127.0.0.1\r\nx-tb-upload-session: " + session +
+         "\r\nx-tb-upload-range: " + std::to_string(first) + "-" + std::to_string(last) +
+         "\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+}
+
+inline int portOf(const std::string& url) { return std::stoi(url.substr(url.rfind(':') + 1)); }
+inline std::string enc(const std::string& s) { return httplib::detail::encode_query_param(s); }
+// type=create of `webpath` in `mount`: a folder when `filehash` is empty.
+inline std::string createQuery(const std::string& webpath, const std::string& filehash = "",
+                               size_t size = 0, int mount = 1) {
+  return "type=create&webpath=" + enc(webpath) + "&filehash=" + filehash +
+         "&filesize=" + std::to_string(size) +
+         "&createtime=1&lasttime=2&mount_id=" + std::to_string(mount) +
+         "&dir=" + (filehash.empty() ? "1" : "0");
+}
+
+// The parsed reply object of a GET (null when there is none or it is not JSON).
+inline JsonValue getJson(httplib::Client& client, const std::string& path) {
+  auto res = client.Get(path);
+  auto v = res ? objectFromJSONString(res->body) : std::nullopt;
+  return v ? *v : JsonValue();
+}
+
 // A Host on free ports, without a bus, with a second upload server.
 class HostFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    HostConfig c;
-    c.root = root_.path();
-    c.port = 0;
-    c.uploadPorts = {0, 0};
-    c.downloadPort = 0;
-    c.adminPort = 0;
-    c.useBus = false;
-    c.quiet = true;
-    c.seed = seed();
+    HostConfig c{.root = root_.path(),
+                 .port = 0,
+                 .uploadPorts = {0, 0},
+                 .downloadPort = 0,
+                 .adminPort = 0,
+                 .useBus = false,
+                 .quiet = true,
+                 .seed = "sample"};
+    configure(c);
     host_ = std::make_unique<Host>(c);
     std::string why;
     ASSERT_TRUE(host_->start(&why)) << why;
@@ -70,25 +157,13 @@ class HostFixture : public ::testing::Test {
     admin_ = std::make_unique<httplib::Client>("127.0.0.1", host_->adminPort());
   }
   void TearDown() override {
-    client_.reset();
-    admin_.reset();
     if (host_) host_->stop();
   }
-  virtual std::string seed() const { return "sample"; }
+  virtual void configure(HostConfig&) {}
 
-  // GET /provider?<query>; the parsed reply object (null when not JSON).
-  JsonValue query(const std::string& q) {
-    auto res = client_->Get(("/provider?" + q).c_str());
-    if (!res) return JsonValue();
-    lastHttpStatus_ = res->status;
-    auto v = objectFromJSONString(res->body);
-    return v ? *v : JsonValue();
-  }
+  JsonValue query(const std::string& q) { return getJson(*client_, "/provider?" + q); }
   JsonValue ctl(const std::string& cmd, const std::string& q) {
-    auto res = admin_->Get(("/ctl/" + cmd + "?" + q).c_str());
-    if (!res) return JsonValue();
-    auto v = objectFromJSONString(res->body);
-    return v ? *v : JsonValue();
+    return getJson(*admin_, "/ctl/" + cmd + "?" + q);
   }
   // The live child of a mount's folder with that name, via "files".
   JsonValue child(int64_t mount, const std::string& folder, const std::string& name) {
@@ -97,15 +172,15 @@ class HostFixture : public ::testing::Test {
       if (strOf(e, "filename") == name) return e;
     return JsonValue();
   }
+  JsonValue create(const std::string& webpath, const std::string& filehash = "", size_t size = 0,
+                   int mount = 1) {
+    return query(createQuery(webpath, filehash, size, mount));
+  }
   std::string uploadUrl(size_t i) { return host_->uploadUrls().at(i); }
 
   TempRoot root_;
   std::unique_ptr<Host> host_;
-  std::unique_ptr<httplib::Client> client_;
-  std::unique_ptr<httplib::Client> admin_;
-  int lastHttpStatus_ = 0;
+  std::unique_ptr<httplib::Client> client_, admin_;
 };
-
-inline std::string enc(const std::string& s) { return httplib::detail::encode_query_param(s); }
 
 }  // namespace hvfp::hostd::test
