@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 
 #include "hostlink/HalvoProviderClient.h"
-#include "hostlink/NSStringExpand.h"
 #include "item/PlatformDate.h"
 #include "platform/Log.h"
+#include "platform/Text.h"
 
 namespace hvfp {
 namespace {
@@ -45,8 +45,7 @@ std::shared_ptr<FileProviderItem> FileProviderItem::initWithItemIdentifier(
 
 std::shared_ptr<FileProviderItem> FileProviderItem::initWithHVFileItem(HVFileItemRef record) {
   if (!record) return nullptr;
-  std::string identifier =
-      createItemIdentifier(record->nMountID, record->strUuidHash.value_or(std::string()));
+  std::string identifier = createItemIdentifier(record->nMountID, record->strUuidHash.view());
   return std::make_shared<FileProviderItem>(std::move(identifier), std::move(record));
 }
 
@@ -58,18 +57,20 @@ void FileProviderItem::setDelete() {
   if (mItem_) mItem_->bDelete = true;
 }
 
-std::optional<std::string> FileProviderItem::parentItemIdentifier() {
-  if (mItem_ && isTrashed(*mItem_))
+const std::optional<std::string>& FileProviderItem::evaluateParent() {
+  static const std::optional<std::string> kNone;
+  if (mItem_ && isTrashed(*mItem_) && mParentItemIdentifier_ != NSFileProviderTrashContainerItemIdentifier)
     mParentItemIdentifier_ = std::string(NSFileProviderTrashContainerItemIdentifier);
   if (mParentItemIdentifier_ && !mParentItemIdentifier_->empty()) return mParentItemIdentifier_;
-  if (!mItem_) return std::nullopt;
+  if (!mItem_) return kNone;
   if (mItem_->bRoot)
     mParentItemIdentifier_ = std::string(NSFileProviderRootContainerItemIdentifier);
   else
-    mParentItemIdentifier_ =
-        createItemIdentifier(mItem_->nMountID, mItem_->strUpHash.value_or(std::string()));
+    mParentItemIdentifier_ = createItemIdentifier(mItem_->nMountID, mItem_->strUpHash.view());
   return mParentItemIdentifier_;
 }
+
+std::optional<std::string> FileProviderItem::parentItemIdentifier() { return evaluateParent(); }
 
 std::optional<std::string> FileProviderItem::filename() {
   if (!mItem_) return mItemIdentifier_;
@@ -82,11 +83,21 @@ uint64_t FileProviderItem::capabilities() {
 }
 
 ContentType FileProviderItem::contentType() {
-  if (!mItem_ || mItem_->bDir) return ContentType::folder();
+  ContentType type;
+  appendContentType(type.identifier);
+  return type;
+}
+
+void FileProviderItem::appendContentType(std::string& out) const {
+  if (!mItem_ || mItem_->bDir) {
+    out.append(ContentType::folder().identifier);
+    return;
+  }
   // The stored path, not the display name: a mount shown under a collision
   // name keeps the type of what it really is.
-  const std::string ext = getExt(mItem_->strWebPath.value_or(std::string()));
-  return ext.empty() ? ContentType::data() : ContentType::typeWithFilenameExtension(ext);
+  std::string_view ext = pathExtensionView(mItem_->strWebPath.view());
+  if (ext.empty()) out.append(ContentType::data().identifier);
+  else ContentType::appendIdentifierForExtension(out, ext);
 }
 
 std::optional<NSFileProviderItemVersion> FileProviderItem::itemVersion() {
@@ -96,10 +107,16 @@ std::optional<NSFileProviderItemVersion> FileProviderItem::itemVersion() {
   return std::nullopt;
 }
 
-std::optional<std::string> FileProviderItem::contentVersionText() {
-  if (mItem_) return mItem_->contentVersion();
-  if (isContainerIdentifier(mItemIdentifier_)) return mItemIdentifier_;
-  return std::nullopt;
+void FileProviderItem::appendContentVersion(std::string& out) const {
+  if (mItem_) mItem_->appendContentVersion(out);
+  else if (isContainerIdentifier(mItemIdentifier_)) out.append(mItemIdentifier_);
+  else out.append(kNullText);
+}
+
+void FileProviderItem::appendFilename(std::string& out) const {
+  if (!mItem_) out.append(mItemIdentifier_);
+  else if (mItem_->strFileName.empty()) out.append(kNullText);
+  else out.append(mItem_->strFileName.view());
 }
 
 std::optional<uint64_t> FileProviderItem::childItemCount() {
@@ -127,15 +144,18 @@ std::optional<Date> FileProviderItem::lastUsedDate() { return contentModificatio
 // Written piece by piece rather than through one format string: a listing
 // logs every item, so this line is on the path of every enumeration.
 void FileProviderItem::test() {
-  std::string line;
-  line.reserve(384);
-  line.append(orNull(filename())).push_back(',');
-  line.append(itemIdentifier()).push_back(',');
-  line.append(orNull(parentItemIdentifier())).push_back(',');
+  thread_local std::string line;  // reused: a listing writes one line per item
+  line.clear();
+  appendFilename(line);
+  line.push_back(',');
+  line.append(mItemIdentifier_).push_back(',');
+  line.append(orNull(evaluateParent())).push_back(',');
   appendNumber(line, capabilities());
   line.push_back(',');
-  line.append(contentType().identifier).push_back(',');
-  line.append(orNull(contentVersionText())).push_back(',');
+  appendContentType(line);
+  line.push_back(',');
+  appendContentVersion(line);
+  line.push_back(',');
   appendNumber(line, childItemCount());
   line.push_back(',');
   appendNumber(line, documentSize());

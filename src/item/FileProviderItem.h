@@ -66,7 +66,11 @@ class FileProviderItem : public NSFileProviderItem {
  private:
   // The content half of itemVersion(), without building the metadata half
   // that the log line does not show.
-  std::optional<std::string> contentVersionText();
+  // The parent, evaluated as parentItemIdentifier() does, without a copy.
+  const std::optional<std::string>& evaluateParent();
+  void appendFilename(std::string& out) const;
+  void appendContentType(std::string& out) const;
+  void appendContentVersion(std::string& out) const;
 
   HVFileItemRef mItem_;
   std::string mItemIdentifier_;

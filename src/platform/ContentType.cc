@@ -53,14 +53,32 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 40> kTypes{{
 
 }  // namespace
 
+void ContentType::appendIdentifierForExtension(std::string& out, std::string_view ext) {
+  char buf[16];
+  std::string lower;
+  std::string_view key;
+  auto toLower = [](unsigned char c) { return static_cast<char>(std::tolower(c)); };
+  if (ext.size() <= sizeof buf) {
+    std::transform(ext.begin(), ext.end(), buf, toLower);
+    key = std::string_view(buf, ext.size());
+  } else {
+    lower.resize(ext.size());
+    std::transform(ext.begin(), ext.end(), lower.begin(), toLower);
+    key = lower;
+  }
+  auto it = std::lower_bound(kTypes.begin(), kTypes.end(), key,
+                             [](const auto& entry, std::string_view k) { return entry.first < k; });
+  if (it != kTypes.end() && it->first == key) {
+    out.append(it->second);
+    return;
+  }
+  out.append("dyn.").append(key);
+}
+
 ContentType ContentType::typeWithFilenameExtension(std::string_view ext) {
-  std::string lower(ext);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  auto it = std::lower_bound(kTypes.begin(), kTypes.end(), lower,
-                             [](const auto& entry, const std::string& key) { return entry.first < key; });
-  if (it != kTypes.end() && it->first == lower) return {std::string(it->second)};
-  return {"dyn." + lower};
+  ContentType type;
+  appendIdentifierForExtension(type.identifier, ext);
+  return type;
 }
 
 }  // namespace hvfp

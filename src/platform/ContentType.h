@@ -14,6 +14,9 @@ struct ContentType {
   static ContentType data() { return {"public.data"}; }
   // Case-insensitive table lookup; an unknown extension gives "dyn.<ext>".
   static ContentType typeWithFilenameExtension(std::string_view ext);
+  // Appends the identifier typeWithFilenameExtension would give, without
+  // making the object (the per-item log line asks for every item's type).
+  static void appendIdentifierForExtension(std::string& out, std::string_view ext);
 
   bool operator==(const ContentType&) const = default;
 };

@@ -26,6 +26,7 @@ struct LogState {
   std::condition_variable drained;  // callers: the writer caught up
   LogSink sink = LogSink::Stderr;
   std::string pending;              // newline-terminated lines
+  std::string spare;                // the writer's last buffer, kept for its capacity
   bool writing = false;
   bool writerStarted = false;
   std::vector<std::string> captured;
@@ -60,12 +61,14 @@ void writerLoop() {
   std::unique_lock lock(s.mutex);
   for (;;) {
     s.wake.wait(lock, [&] { return !s.pending.empty(); });
-    std::string lines = std::exchange(s.pending, {});
+    std::string lines = std::exchange(s.pending, std::move(s.spare));
+    s.pending.clear();
     LogSink sink = s.sink;
     s.writing = true;
     lock.unlock();
     writeOut(sink, lines);
     lock.lock();
+    if (lines.capacity() <= kMaxPending) s.spare = std::move(lines);
     s.writing = false;
     s.drained.notify_all();
     // A short pause lets a burst of lines gather into one write.

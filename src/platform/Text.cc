@@ -64,14 +64,18 @@ std::string lastPathComponent(std::string_view path) {
   return fixed.substr(startOfLastComponent(fixed));
 }
 
-std::string pathExtension(std::string_view path) {
-  std::string fixed = fixSlashes(path);
-  if (fixed.size() <= 1) return {};
-  size_t start = startOfLastComponent(fixed);
-  size_t dot = fixed.rfind('.');
-  if (dot == std::string::npos || dot < start || dot == start || dot + 1 == fixed.size()) return {};
-  return fixed.substr(dot + 1);
+std::string_view pathExtensionView(std::string_view path) {
+  // Repeated slashes never change the last component; only trailing ones do.
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  if (path.size() <= 1) return {};
+  size_t slash = path.rfind('/');
+  size_t start = slash == std::string_view::npos ? 0 : slash + 1;
+  size_t dot = path.rfind('.');
+  if (dot == std::string_view::npos || dot <= start || dot + 1 == path.size()) return {};
+  return path.substr(dot + 1);
 }
+
+std::string pathExtension(std::string_view path) { return std::string(pathExtensionView(path)); }
 
 std::string deletingLastPathComponent(std::string_view path) {
   std::string fixed = fixSlashes(path);

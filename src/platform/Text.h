@@ -20,6 +20,8 @@ std::string lastPathComponent(std::string_view path);
 // Extension of the last component: the part after its last "."; empty when
 // the component has no ".", starts with its only ".", or ends with ".".
 std::string pathExtension(std::string_view path);
+// The same extension as a view into `path`, without copying.
+std::string_view pathExtensionView(std::string_view path);
 std::string deletingLastPathComponent(std::string_view path);
 
 }  // namespace hvfp

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <new>
 
+#include "platform/http/ReplyBuffers.h"
 #include "records/FileItemListing.h"
 #include "records/FileItemSlots.h"
 
@@ -21,8 +22,6 @@ using simdjson::SUCCESS;
 constexpr int kMaxDepth = 256;
 constexpr size_t kReuseLimit = size_t{1} << 20;
 constexpr size_t kCacheLimit = size_t{64} << 20;
-// Keys are short words; a longer one is looked at through the slow path.
-constexpr size_t kMaxKeyScan = 64;
 
 // Reads and checks a value nobody asked for, so that invalid JSON anywhere in
 // the reply is caught as the platform parser would catch it.
@@ -74,13 +73,23 @@ error_code consume(od::value v, int depth) {
   return simdjson::INCORRECT_TYPE;
 }
 
+// Length of the JSON string text at `p` (just after its opening quote) up to
+// its closing quote, or npos when a backslash comes first: such a string
+// needs unescaping. Strings are short here; a plain loop beats memchr.
+size_t plainStringLength(const char* p) {
+  for (size_t i = 0;; ++i) {
+    if (p[i] == '"') return i;
+    if (p[i] == '\\') return std::string_view::npos;
+  }
+}
+
 // A key without escapes is read straight from the reply; only a key with a
 // backslash costs an unescaping copy.
 error_code fieldKey(od::field& field, std::string_view& key) {
   const char* raw = field.key().raw();
-  const char* end = static_cast<const char*>(std::memchr(raw, '"', kMaxKeyScan));
-  if (end && !std::memchr(raw, '\\', static_cast<size_t>(end - raw))) {
-    key = std::string_view(raw, static_cast<size_t>(end - raw));
+  size_t length = plainStringLength(raw);
+  if (length != std::string_view::npos) {
+    key = std::string_view(raw, length);
     return SUCCESS;
   }
   return field.unescaped_key().get(key);
@@ -88,10 +97,10 @@ error_code fieldKey(od::field& field, std::string_view& key) {
 
 error_code readString(od::value v, JsonScalar& out) {
   out.kind = JsonScalar::Kind::String;
-  std::string_view token = v.raw_json_token();
-  size_t end = token.find('"', 1);
-  if (end != std::string_view::npos && token.substr(1, end - 1).find('\\') == std::string_view::npos) {
-    out.s = token.substr(1, end - 1);
+  const char* token = v.raw_json_token().data();
+  size_t length = plainStringLength(token + 1);
+  if (length != std::string_view::npos) {
+    out.s = std::string_view(token + 1, length);
     out.stable = true;  // points into the reply text that the block keeps
     od::raw_json_string skip;
     return v.get_raw_json_string().get(skip);
@@ -208,7 +217,10 @@ struct ListingBlock {
   ListingBlock() = default;
   ListingBlock(const ListingBlock&) = delete;
   ListingBlock& operator=(const ListingBlock&) = delete;
-  ~ListingBlock() { clear(); }
+  ~ListingBlock() {
+    clear();
+    ReplyBuffers::give(std::move(text));
+  }
 
   HVFileItem& add() {
     if (count % ChunkPool::kRecords == 0) chunks.push_back(static_cast<HVFileItem*>(ChunkPool::take()));

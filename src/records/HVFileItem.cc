@@ -75,12 +75,16 @@ void HVFileItem::fill(const FileItemSlots& s) {
 // framework, so equal records must always give equal versions.
 std::string HVFileItem::contentVersion() const {
   std::string out;
+  appendContentVersion(out);
+  return out;
+}
+
+void HVFileItem::appendContentVersion(std::string& out) const {
   JsonWriter w(out);
   w.beginObject();
   if (strFileHash) w.key("filehash").value(*strFileHash);
   w.key("filesize").value(static_cast<int64_t>(ullFileSize));
   w.endObject();
-  return out;
 }
 
 std::string HVFileItem::metadataVersion() const {

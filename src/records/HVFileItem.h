@@ -47,6 +47,7 @@ struct HVFileItem : RequestRet {
   void fill(const FileItemSlots& slots);
 
   std::string contentVersion() const;   // {"filehash":..,"filesize":..}
+  void appendContentVersion(std::string& out) const;
   std::string metadataVersion() const;  // {"delete":..,"hash":..,"property":..,"status":..}
   uint64_t capabilities() const;        // 67 for a mount root, else 127
 };

@@ -2,6 +2,7 @@
 
 #include <simdjson.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -114,34 +115,46 @@ void JsonWriter::separate() {
     afterKey_ = false;
     return;
   }
-  if (first_.empty()) return;
-  if (!first_.back()) out_.push_back(',');
-  first_.back() = false;
+  if (depth_ == 0) return;
+  size_t level = depth_ - 1;
+  bool first = level < 64 ? (firstBits_ >> level) & 1 : deeper_[level - 64];
+  if (!first) out_.push_back(',');
+  if (level < 64) firstBits_ &= ~(uint64_t{1} << level);
+  else deeper_[level - 64] = false;
+}
+
+void JsonWriter::open(char bracket) {
+  separate();
+  out_.push_back(bracket);
+  if (depth_ < 64) firstBits_ |= uint64_t{1} << depth_;
+  else deeper_.push_back(true);
+  ++depth_;
+}
+
+void JsonWriter::close(char bracket) {
+  out_.push_back(bracket);
+  if (depth_ == 0) return;
+  --depth_;
+  if (depth_ >= 64) deeper_.pop_back();
 }
 
 JsonWriter& JsonWriter::beginObject() {
-  separate();
-  out_.push_back('{');
-  first_.push_back(true);
+  open('{');
   return *this;
 }
 
 JsonWriter& JsonWriter::endObject() {
-  out_.push_back('}');
-  first_.pop_back();
+  close('}');
   return *this;
 }
 
 JsonWriter& JsonWriter::beginArray() {
-  separate();
-  out_.push_back('[');
-  first_.push_back(true);
+  open('[');
   return *this;
 }
 
 JsonWriter& JsonWriter::endArray() {
-  out_.push_back(']');
-  first_.pop_back();
+  close(']');
   return *this;
 }
 
@@ -162,16 +175,16 @@ JsonWriter& JsonWriter::value(std::string_view s) {
 JsonWriter& JsonWriter::value(int64_t i) {
   separate();
   char buf[24];
-  int n = std::snprintf(buf, sizeof buf, "%ld", static_cast<long>(i));
-  out_.append(buf, static_cast<size_t>(n));
+  auto end = std::to_chars(buf, buf + sizeof buf, i).ptr;
+  out_.append(buf, static_cast<size_t>(end - buf));
   return *this;
 }
 
 JsonWriter& JsonWriter::value(uint64_t u) {
   separate();
   char buf[24];
-  int n = std::snprintf(buf, sizeof buf, "%lu", static_cast<unsigned long>(u));
-  out_.append(buf, static_cast<size_t>(n));
+  auto end = std::to_chars(buf, buf + sizeof buf, u).ptr;
+  out_.append(buf, static_cast<size_t>(end - buf));
   return *this;
 }
 

@@ -121,9 +121,15 @@ class JsonWriter {
 
  private:
   void separate();
+  void open(char bracket);
+  void close(char bracket);
 
   std::string& out_;
-  std::vector<bool> first_;  // one flag per open container: nothing written yet
+  // One flag per open container, "nothing written in it yet". The first 64
+  // levels need no allocation; deeper ones spill into a vector.
+  uint64_t firstBits_ = 0;
+  size_t depth_ = 0;
+  std::vector<bool> deeper_;
   bool afterKey_ = false;
 };
 

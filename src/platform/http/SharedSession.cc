@@ -1,5 +1,7 @@
 #include "platform/http/SharedSession.h"
 
+#include "platform/http/ReplyBuffers.h"
+
 #include <curl/curl.h>
 #include <simdjson.h>
 
@@ -29,7 +31,7 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     curl_off_t announced = -1;
     curl_easy_getinfo(sink->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
     if (announced > 0 && static_cast<size_t>(announced) <= SharedSession::kMaxBody)
-      sink->body.reserve(static_cast<size_t>(announced) + kParserPadding);
+      sink->body = ReplyBuffers::take(static_cast<size_t>(announced) + kParserPadding);
   }
   if (sink->body.size() + n > SharedSession::kMaxBody) {
     sink->oversize = true;
@@ -55,8 +57,6 @@ struct EasyHandle {
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 60L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
-    // Large listings arrive in fewer, bigger reads; small replies are unaffected.
-    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 256L * 1024);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
   }
   ~EasyHandle() {
