@@ -296,13 +296,19 @@ Result<Item> Store::insertItem(Item it) {
   return it;
 }
 
+Result<Item> Store::folderLocked(int64_t mountId, std::string_view webpath) {
+  auto folder = resolveLocked(mountId, webpath);
+  if (!folder) return fail(404, kNotFound, "parent folder does not exist");
+  if (!folder->dir) return fail(409, kNotFolder, "parent is not a folder");
+  return *folder;
+}
+
 Result<Item> Store::makeFolder(int64_t mountId, std::string_view webpath, uint64_t ctime, uint64_t mtime) {
   if (!isValidWebpath(webpath)) return badName();
   auto [parentPath, name] = splitParent(webpath);
   std::lock_guard lock(mutex_);
-  auto parent = resolveLocked(mountId, parentPath);
-  if (!parent) return fail(404, kNotFound, "parent folder does not exist");
-  if (!parent->dir) return fail(409, kNotFolder, "parent is not a folder");
+  auto parent = folderLocked(mountId, parentPath);
+  if (!parent.ok()) return parent.failure();
   if (auto existing = childNamed(mountId, parent->uuid, name)) {
     if (existing->dir) return *existing;
     return nameTaken();
@@ -329,9 +335,8 @@ Result<Reservation> Store::reserve(int64_t mountId, std::string_view webpath, st
   if (!isValidWebpath(webpath)) return badName();
   auto [parentPath, name] = splitParent(webpath);
   std::lock_guard lock(mutex_);
-  auto parent = resolveLocked(mountId, parentPath);
-  if (!parent) return fail(404, kNotFound, "parent folder does not exist");
-  if (!parent->dir) return fail(409, kNotFolder, "parent is not a folder");
+  auto parent = folderLocked(mountId, parentPath);
+  if (!parent.ok()) return parent.failure();
   Reservation r{mountId, "", parent->uuid, joinPath(parent->webpath, name), std::string(fileHash),
                 size, ctime, mtime};
   if (auto existing = childNamed(mountId, parent->uuid, name)) {

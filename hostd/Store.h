@@ -147,6 +147,8 @@ class Store {
   std::optional<Item> itemLocked(int64_t mountId, std::string_view uuid);
   std::optional<Item> childNamed(int64_t mountId, std::string_view folder, std::string_view name);
   std::optional<Item> resolveLocked(int64_t mountId, std::string_view webpath);
+  // The folder at `webpath`, or the failure a new item under it reports.
+  Result<Item> folderLocked(int64_t mountId, std::string_view webpath);
   std::optional<Item> liveFolder(int64_t mountId, std::string_view uuid);
   bool isInside(int64_t mountId, std::string_view folder, std::string_view ancestor);
   bool relocate(const Item& item, std::string_view upHash, std::string_view name, uint64_t cursor);
