@@ -119,42 +119,50 @@ int Console::changes(const std::string& container, const std::optional<std::stri
   return 0;
 }
 
+namespace {
+
+// What host events hand to the watch loop. Shared with the handlers, which
+// may still be running on the listener's thread when the loop has ended.
+struct WatchInbox {
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::deque<std::string> signalled;
+  std::deque<std::string> events;
+};
+
+}  // namespace
+
 int Console::watch(const std::atomic<bool>& stop) {
   auto& client = HalvoProviderClient::shareHalvoProviderClient();
-  if (!client.hearsHostEvents()) {
+  auto manager = client.providerManager();
+  if (!client.hearsHostEvents() || !manager) {
     err_ << "halvofp: no session bus, so no host events to watch (is DBUS_SESSION_BUS_ADDRESS set?)\n";
     return 1;
   }
   // Signals arrive on the event listener's thread; the change reports run
   // here, as the framework would run them after a signal.
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::deque<std::string> signalled;
-  std::deque<std::string> events;
-  setLogCallback([&](std::string_view line) {
+  auto inbox = std::make_shared<WatchInbox>();
+  setLogCallback([inbox](std::string_view line) {
     constexpr std::string_view kEvent = "onRecvFromApp ";
     if (line.substr(0, kEvent.size()) != kEvent) return;
-    std::lock_guard lock(mutex);
-    events.emplace_back(line.substr(kEvent.size()));
+    std::lock_guard lock(inbox->mutex);
+    inbox->events.emplace_back(line.substr(kEvent.size()));
   });
   setLogSink(LogSink::Callback);
-  client.providerManager()->setSignalHandler([&](const std::string& container) {
-    std::lock_guard lock(mutex);
-    signalled.push_back(container);
-    wake.notify_one();
+  manager->setSignalHandler([inbox](const std::string& container) {
+    std::lock_guard lock(inbox->mutex);
+    inbox->signalled.push_back(container);
+    inbox->wake.notify_one();
   });
   err_ << "watching host events; Ctrl-C to stop\n";
   std::map<std::string, std::shared_ptr<FileProviderEnumerator>> enumerators;
   while (!stop) {
-    std::unique_lock lock(mutex);
-    wake.wait_for(lock, std::chrono::milliseconds(200), [&] { return !signalled.empty(); });
-    while (!events.empty()) {
-      out_ << "event " << events.front() << '\n';
-      events.pop_front();
-    }
-    if (signalled.empty()) continue;
-    std::string container = signalled.front();
-    signalled.pop_front();
+    std::unique_lock lock(inbox->mutex);
+    inbox->wake.wait_for(lock, std::chrono::milliseconds(200), [&] { return !inbox->signalled.empty(); });
+    for (; !inbox->events.empty(); inbox->events.pop_front()) out_ << "event " << inbox->events.front() << '\n';
+    if (inbox->signalled.empty()) continue;
+    std::string container = std::move(inbox->signalled.front());
+    inbox->signalled.pop_front();
     lock.unlock();
     out_ << "signalled " << container << '\n';
     auto& enumerator = enumerators[container];
@@ -167,7 +175,7 @@ int Console::watch(const std::atomic<bool>& stop) {
     if (hostAnswered(before)) printItems(observer.items);
     out_.flush();
   }
-  client.providerManager()->setSignalHandler(nullptr);
+  manager->setSignalHandler(nullptr);
   setLogSink(options_.verbose ? LogSink::Stderr : LogSink::Silent);
   setLogCallback(nullptr);
   return 0;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <ctime>
 
+#include "item/PlatformDate.h"
 #include "records/Json.h"
 
 namespace hvfp::cli {
@@ -40,12 +41,13 @@ std::string humanSize(uint64_t bytes) {
 }
 
 std::string shortDate(double seconds) {
-  std::time_t t = static_cast<std::time_t>(std::floor(seconds));
-  std::tm tm{};
-  gmtime_r(&t, &tm);
-  char buf[32];
-  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-  return buf;
+  // The platform's date text without its zone: any time a host sends, even
+  // far outside what time_t holds, prints safely.
+  std::string text = formatPlatformDate(seconds);
+  constexpr std::string_view kZone = " +0000";
+  if (text.size() > kZone.size() && text.compare(text.size() - kZone.size(), kZone.size(), kZone) == 0)
+    text.resize(text.size() - kZone.size());
+  return text;
 }
 
 std::string itemJson(NSFileProviderItem& item) {

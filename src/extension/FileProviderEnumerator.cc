@@ -1,5 +1,8 @@
 #include "extension/FileProviderEnumerator.h"
 
+#include <unordered_map>
+#include <unordered_set>
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -58,14 +61,28 @@ void FileProviderEnumerator::invalidate() {
   log("FileProviderEnumerator invalidate {},{}", itemIdentifier_, nCurrentAnchor_);
 }
 
+namespace {
+
+// The first candidate from `num` on that is not taken: the name itself for
+// 0, else "name(num+1)". A loop, not recursion: a host may list thousands of
+// mounts under one name.
+template <typename Taken>
+std::string firstFreeName(const std::string& name, int64_t num, Taken taken) {
+  for (;; ++num) {
+    std::string candidate = num == 0 ? name : fmt::format("{}({})", name, num + 1);
+    if (!taken(candidate)) return candidate;
+  }
+}
+
+}  // namespace
+
 std::string FileProviderEnumerator::checkName(const std::vector<NSFileProviderItemRef>& items,
                                               const std::string& name, int64_t num) {
-  const std::string candidate = num == 0 ? name : fmt::format("{}({})", name, num + 1);
-  for (const auto& item : items) {
-    const auto existing = item->filename();
-    if (existing && *existing == candidate) return checkName(items, name, num + 1);
-  }
-  return candidate;
+  return firstFreeName(name, num, [&](const std::string& candidate) {
+    for (const auto& item : items)
+      if (item->filename() == candidate) return true;
+    return false;
+  });
 }
 
 FileProviderEnumerator::Items FileProviderEnumerator::mountItems(bool logEach) const {
@@ -73,13 +90,25 @@ FileProviderEnumerator::Items FileProviderEnumerator::mountItems(bool logEach) c
   sortByLastTime(records);
   Items items;
   items.reserve(records.size());
+  // The names given so far, for the same answer checkName would give
+  // without walking every earlier item for every candidate.
+  // Names are only ever added, so the search for a name can resume where the
+  // last one for the same name stopped.
+  std::unordered_set<std::string> given;
+  std::unordered_map<std::string, int64_t> resumeAt;
   for (auto& record : records) {
     const std::string name = record->strFileName.value_or(std::string());
-    const std::string shown = checkName(items, name, 0);
+    int64_t& from = resumeAt[name];
+    const std::string shown = firstFreeName(name, from, [&](const std::string& candidate) {
+      if (given.count(candidate) == 0) return false;
+      ++from;
+      return true;
+    });
     const bool renamed = shown != name;
     if (renamed) record->strFileName = shown;
     auto item = FileProviderItem::initWithHVFileItem(record);
     item->setParentIdentifier(itemIdentifier_);
+    if (auto filename = item->filename()) given.insert(*filename);
     if (logEach) item->test();
     if (renamed)
       client().addRootChangeName(

@@ -63,20 +63,14 @@ void HalvoProviderClient::addAddFileInFo(const AddFileInfoRef& info) {
 void HalvoProviderClient::addRootChangeName(const RootChangeNameRef& entry) {
   if (!entry) return;
   std::lock_guard lock(mRootChangeNameLock);
-  for (const auto& existing : mRootChangeNameArray) {
-    if (existing->itemidentifier == entry->itemidentifier) {
-      existing->strName = entry->strName;
-      return;
-    }
-  }
-  mRootChangeNameArray.push_back(entry);
+  auto [it, added] = mRootChangeNameArray.try_emplace(entry->itemidentifier, entry);
+  if (!added) it->second->strName = entry->strName;
 }
 
 std::string HalvoProviderClient::checkRootChangeName(const std::string& identifier) const {
   std::lock_guard lock(mRootChangeNameLock);
-  for (const auto& entry : mRootChangeNameArray)
-    if (entry->itemidentifier == identifier) return entry->strName;
-  return {};
+  auto it = mRootChangeNameArray.find(identifier);
+  return it == mRootChangeNameArray.end() ? std::string() : it->second->strName;
 }
 
 void HalvoProviderClient::resetRegistries() {

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "hostlink/ItemIdentifier.h"
@@ -118,7 +119,8 @@ class HalvoProviderClient {
   mutable std::mutex mLock;  // guards mMutableArray
   std::vector<AddFileInfoRef> mMutableArray;
   mutable std::mutex mRootChangeNameLock;  // guards mRootChangeNameArray
-  std::vector<RootChangeNameRef> mRootChangeNameArray;
+  // Keyed by identifier: a host may list thousands of mounts under one name.
+  std::unordered_map<std::string, RootChangeNameRef> mRootChangeNameArray;
 };
 
 }  // namespace hvfp

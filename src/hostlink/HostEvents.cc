@@ -26,6 +26,14 @@ std::optional<int64_t> integerValueOf(const JsonValue* v) {
 }  // namespace
 
 void HalvoProviderClient::start(const NSFileProviderDomain& domain) {
+  // The old listener goes first, outside the lock: its thread may be in an
+  // event that needs the lock, and one event must not reach two listeners.
+  std::unique_ptr<HostEventListener> previous;
+  {
+    std::lock_guard lock(mPropsLock);
+    previous = std::move(eventListener_);
+  }
+  previous.reset();
   auto queue = std::make_shared<OperationQueue>();
   resetRegistries();
   auto manager = NSFileProviderManager::managerForDomain(domain);

@@ -110,7 +110,23 @@ void flushLog() {
   s.drained.wait(lock, [&] { return s.pending.empty() && !s.writing; });
 }
 
-void logLine(std::string_view line) {
+// Texts from the host end up in log lines; a line break or NUL in them must
+// not split one call into several entries or cut an entry short.
+std::string_view oneLine(std::string_view line, std::string& scratch) {
+  if (line.find_first_of(std::string_view("\n\r\0", 3)) == std::string_view::npos) return line;
+  scratch.clear();
+  for (char c : line) {
+    if (c == '\n') scratch += "\\n";
+    else if (c == '\r') scratch += "\\r";
+    else if (c == '\0') scratch += "\\0";
+    else scratch.push_back(c);
+  }
+  return scratch;
+}
+
+void logLine(std::string_view raw) {
+  std::string scratch;
+  std::string_view line = oneLine(raw, scratch);
   LogState& s = state();
   std::unique_lock lock(s.mutex);
   switch (s.sink) {

@@ -21,6 +21,14 @@ inline constexpr uint64_t Reading = 1, Writing = 2, Reparenting = 4, Renaming = 
 }  // namespace ItemCapability
 
 struct HVFileItem : RequestRet {
+  HVFileItem() = default;
+  HVFileItem(const HVFileItem&) = default;
+  HVFileItem& operator=(const HVFileItem&) = default;
+  // A record from a listing borrows its texts from the listing's reply; a
+  // moved-out record may outlive that, so moving copies like copying does.
+  HVFileItem(HVFileItem&& other) : HVFileItem(static_cast<const HVFileItem&>(other)) {}
+  HVFileItem& operator=(HVFileItem&& other) { return *this = static_cast<const HVFileItem&>(other); }
+
   bool bRoot = false;  // a mount root, shown at the top level
   NullableString strFileName = "";
   int64_t nMountID = 0;

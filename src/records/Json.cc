@@ -194,6 +194,7 @@ JsonWriter& JsonWriter::value(double d) {
     out_ += "null";
     return *this;
   }
+  if (d == 0) d = 0;  // -0 reads back as the integer 0; write it so
   if (d == std::trunc(d) && std::fabs(d) < 1e15) {
     char buf[32];
     int n = std::snprintf(buf, sizeof buf, "%.0f", d);

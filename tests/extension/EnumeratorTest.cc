@@ -56,6 +56,21 @@ TEST_F(EnumeratorListing, EqualLastTimesKeepTheHostsOrder) {
   EXPECT_EQ(observer.names().back(), "X(41)");
 }
 
+// A host may list very many mounts under one name; naming them must neither
+// recurse once per clash nor rescan every earlier mount per candidate.
+TEST_F(EnumeratorListing, ThousandsOfEqualNamesAreNumberedInOrder) {
+  constexpr size_t kMounts = 20000;
+  Lines entries;
+  for (size_t id = 1; id <= kMounts; ++id) entries.push_back(mount(id, "Docs", static_cast<int>(id)));
+  server.enqueue({200, list(entries)});
+  setLogSink(LogSink::Silent);
+  auto names = listing(kRoot).names();
+  ASSERT_EQ(names.size(), kMounts);
+  EXPECT_EQ(names[0], "Docs");
+  EXPECT_EQ(names[1], "Docs(2)");
+  EXPECT_EQ(names.back(), "Docs(20000)");
+}
+
 // An empty or unreadable mount list, and a provisional folder, are still one
 // (empty) batch; the working set only finishes. None but the first two ask.
 TEST_F(EnumeratorListing, EmptyListingsAreStillOneBatch) {

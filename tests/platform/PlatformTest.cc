@@ -138,6 +138,9 @@ TEST(PlatformLog, NullTextAndCapture) {
   takeCapturedLog();
   log("{},{}", orNull(std::nullopt), orNull(std::string("x")));
   EXPECT_EQ(takeCapturedLog(), std::vector<std::string>{"(null),x"});
+  // A host's text cannot split one entry into several.
+  log("name:{}", std::string("a\nforged\r\0end", 13));
+  EXPECT_EQ(takeCapturedLog(), std::vector<std::string>{"name:a\\nforged\\r\\0end"});
   setLogSink(LogSink::Stderr);
 }
 
