@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -113,7 +114,9 @@ void flushLog() {
 // Texts from the host end up in log lines; a line break or NUL in them must
 // not split one call into several entries or cut an entry short.
 std::string_view oneLine(std::string_view line, std::string& scratch) {
-  if (line.find_first_of(std::string_view("\n\r\0", 3)) == std::string_view::npos) return line;
+  if (line.empty()) return line;
+  auto has = [&](char c) { return std::memchr(line.data(), c, line.size()) != nullptr; };
+  if (!has('\n') && !has('\r') && !has('\0')) return line;
   scratch.clear();
   for (char c : line) {
     if (c == '\n') scratch += "\\n";
