@@ -10,6 +10,14 @@
 namespace hvfp::cli {
 namespace {
 
+// Names come from the host: a control character in one (an escape sequence,
+// a line break) must not reach the terminal as such.
+std::string printable(std::string text) {
+  for (char& c : text)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  return text;
+}
+
 std::string kindOf(NSFileProviderItem& item) {
   std::string type = item.contentType().identifier;
   if (type != "public.folder") return type;
@@ -20,8 +28,10 @@ std::string kindOf(NSFileProviderItem& item) {
 template <typename T, typename Fn>
 void optionalMember(JsonWriter& w, const char* key, const std::optional<T>& v, Fn write) {
   w.key(key);
-  if (v) write(*v);
-  else w.null();
+  if (v)
+    write(*v);
+  else
+    w.null();
 }
 
 }  // namespace
@@ -45,7 +55,8 @@ std::string shortDate(double seconds) {
   // far outside what time_t holds, prints safely.
   std::string text = formatPlatformDate(seconds);
   constexpr std::string_view kZone = " +0000";
-  if (text.size() > kZone.size() && text.compare(text.size() - kZone.size(), kZone.size(), kZone) == 0)
+  if (text.size() > kZone.size() &&
+      text.compare(text.size() - kZone.size(), kZone.size(), kZone) == 0)
     text.resize(text.size() - kZone.size());
   return text;
 }
@@ -82,8 +93,10 @@ void printTable(std::ostream& out, const std::vector<NSFileProviderItemRef>& ite
     auto size = item->documentSize();
     auto modified = item->contentModificationDate();
     bool folder = item->contentType().identifier == "public.folder";
-    rows.push_back({item->filename().value_or("(no name)"), item->itemIdentifier(), kindOf(*item),
-                    size && !folder ? humanSize(*size) : "-", modified ? shortDate(*modified) : "-"});
+    rows.push_back({printable(item->filename().value_or("(no name)")),
+                    printable(item->itemIdentifier()), printable(kindOf(*item)),
+                    size && !folder ? humanSize(*size) : "-",
+                    modified ? shortDate(*modified) : "-"});
   }
   std::array<size_t, 5> width{};
   for (const auto& row : rows)
@@ -102,11 +115,11 @@ void printTable(std::ostream& out, const std::vector<NSFileProviderItemRef>& ite
 
 void printDetails(std::ostream& out, NSFileProviderItem& item) {
   auto orDash = [](const auto& v, auto show) { return v ? show(*v) : std::string("(null)"); };
-  auto asText = [](const std::string& s) { return s; };
+  auto asText = [](const std::string& s) { return printable(s); };
   auto asNumber = [](uint64_t n) { return std::to_string(n); };
   auto asDate = [](double d) { return shortDate(d) + " UTC"; };
   out << "filename:                " << orDash(item.filename(), asText) << '\n'
-      << "itemIdentifier:          " << item.itemIdentifier() << '\n'
+      << "itemIdentifier:          " << printable(item.itemIdentifier()) << '\n'
       << "parentItemIdentifier:    " << orDash(item.parentItemIdentifier(), asText) << '\n'
       << "contentType:             " << item.contentType().identifier << '\n'
       << "capabilities:            " << item.capabilities() << '\n'

@@ -95,6 +95,13 @@ TEST_F(CliConsole, ChangesReportsFromTheGivenAnchor) {
   EXPECT_NE(out.str().find("finished at anchor 17\n"), std::string::npos) << out.str();
 }
 
+TEST_F(CliConsole, ControlCharactersInNamesNeverReachTheTerminal) {
+  server.enqueue({200, R"({"list":[{"filename":"evil\u001b[2Jname\n","mount_id":3,"uuidhash":"h"}]})"});
+  EXPECT_EQ(run([](Console& c) { return c.ls("3"); }), 0);
+  EXPECT_NE(out.str().find("evil?[2Jname?"), std::string::npos) << out.str();
+  EXPECT_EQ(out.str().find('\x1b'), std::string::npos);
+}
+
 TEST(CliFormat, Sizes) {
   EXPECT_EQ(humanSize(0), "0 B");
   EXPECT_EQ(humanSize(1023), "1023 B");
