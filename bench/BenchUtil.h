@@ -36,13 +36,15 @@ inline long statusKiB(const char* field) {
 
 // Resets the peak to the current resident size, so the next reading of
 // peakKiB() covers only what runs in between.
-inline void resetPeak() {
-  std::ofstream("/proc/self/clear_refs") << "5";
-}
+inline void resetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
 inline long residentKiB() { return statusKiB("VmRSS"); }
 inline long peakKiB() { return statusKiB("VmHWM"); }
 
-inline void printRatio(const char* name, double value) { std::printf("ratio %s %.3f\n", name, value); }
-inline void printMetric(const char* name, double value) { std::printf("metric %s %.3f\n", name, value); }
+inline void printRatio(const char* name, double value) {
+  std::printf("ratio %s %.3f\n", name, value);
+}
+inline void printMetric(const char* name, double value) {
+  std::printf("metric %s %.3f\n", name, value);
+}
 
 }  // namespace hvfp::bench

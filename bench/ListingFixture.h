@@ -14,7 +14,8 @@ inline std::string makeListingReply(size_t count) {
   for (size_t i = 0; i < count; ++i) {
     int n = std::snprintf(
         entry, sizeof entry,
-        "%s{\"filename\":\"IMG_%06zu.jpg\",\"mount_id\":3,\"webpath\":\"Photos/2023/IMG_%06zu.jpg\","
+        "%s{\"filename\":\"IMG_%06zu.jpg\",\"mount_id\":3,\"webpath\":\"Photos/2023/"
+        "IMG_%06zu.jpg\","
         "\"dir\":0,\"filehash\":\"%08zx3f786850e387550fdab836ed7e6dc881de\",\"filesize\":%zu,"
         "\"uuidhash\":\"%016zx\",\"up_hash\":\"9f8e7d6c5b4a3921\",\"lasttime\":%zu,"
         "\"creatortime\":1699990000,\"status\":0}",

@@ -2,6 +2,7 @@
 // peak memory while it streams a 4 GiB download and takes a 4 GiB upload in
 // 10 MiB pieces. Prints "metric <name> <value>" lines; every loop is bounded.
 #include <fcntl.h>
+#include <httplib.h>
 #include <signal.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
@@ -11,7 +12,6 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <httplib.h>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -82,7 +82,8 @@ void listing(const fs::path& root) {
   host.store().addManyFiles(m->id, folder->uuid, 100000, "file-", sha1Hex("x"), 1);
   httplib::Client client("127.0.0.1", host.queryPort());
   client.set_read_timeout(60, 0);
-  std::string path = "/provider?type=files&uuidhash=" + folder->uuid + "&mount_id=" + std::to_string(m->id);
+  std::string path =
+      "/provider?type=files&uuidhash=" + folder->uuid + "&mount_id=" + std::to_string(m->id);
   double best = 1e9;
   size_t entries = 0;
   for (int round = 0; round < 3; ++round) {
@@ -110,7 +111,8 @@ pid_t spawnHost(const fs::path& root) {
     ::dup2(null, 2);
     std::string bin = hostBinary();
     ::execl(bin.c_str(), bin.c_str(), "--root", root.c_str(), "--port", "0", "--upload-ports", "0",
-            "--download-port", "0", "--admin-port", "0", "--no-bus", "--quiet", "--force-uris", nullptr);
+            "--download-port", "0", "--admin-port", "0", "--no-bus", "--quiet", "--force-uris",
+            nullptr);
     ::_exit(127);
   }
   return pid;
@@ -181,7 +183,8 @@ void memory(const fs::path& root) {
   piece[0] = 1;
   h.update(piece.data(), piece.size());
   std::string zeros(kPiece, '\0');
-  for (uint64_t done = kPiece; done < kBig; done += kPiece) h.update(zeros.data(), std::min(kPiece, kBig - done));
+  for (uint64_t done = kPiece; done < kBig; done += kPiece)
+    h.update(zeros.data(), std::min(kPiece, kBig - done));
   std::string upHash = h.hex();
   httplib::Client q("127.0.0.1", qport);
   q.set_read_timeout(120, 0);
@@ -191,10 +194,11 @@ void memory(const fs::path& root) {
                           .c_str());
   auto created = create ? hvfp::objectFromJSONString(create->body) : std::nullopt;
   std::string uuid = created ? strOf(*created, "hash") : "";
-  auto init = q.Get(("/provider?type=uploadinit&host=" + httplib::detail::encode_query_param(server) +
-                     "&filename=up.bin&pathhash=" + uuid + "&filehash=" + upHash +
-                     "&storagepoint=x&cookie=&filesize=" + std::to_string(kBig) + "&mount_id=1")
-                        .c_str());
+  auto init =
+      q.Get(("/provider?type=uploadinit&host=" + httplib::detail::encode_query_param(server) +
+             "&filename=up.bin&pathhash=" + uuid + "&filehash=" + upHash +
+             "&storagepoint=x&cookie=&filesize=" + std::to_string(kBig) + "&mount_id=1")
+                .c_str());
   auto opened = init ? hvfp::objectFromJSONString(init->body) : std::nullopt;
   std::string session = opened ? strOf(*opened, "session") : "";
   httplib::Client up("127.0.0.1", uport);
@@ -204,16 +208,18 @@ void memory(const fs::path& root) {
   for (uint64_t off = 0; off < kBig && !session.empty(); off += kPiece) {
     uint64_t len = std::min(kPiece, kBig - off);  // the last piece is shorter
     std::string range = std::to_string(off) + "-" + std::to_string(off + len - 1);
-    auto res = up.Put("/upload_part", {{"x-tb-upload-session", session}, {"x-tb-upload-range", range}},
-                      off == 0 ? piece : zeros.substr(0, len), "application/octet-stream");
+    auto res =
+        up.Put("/upload_part", {{"x-tb-upload-session", session}, {"x-tb-upload-range", range}},
+               off == 0 ? piece : zeros.substr(0, len), "application/octet-stream");
     if (!res || res->status != 200) break;
     sent = off + len;
   }
-  auto finish = q.Get(("/provider?type=uploadfinish&host=" + httplib::detail::encode_query_param(server) +
-                       "&session=" + session + "&cookie=&filesize=" + std::to_string(kBig))
-                          .c_str());
-  std::printf("upload: %llu bytes in %.1f s, close %s\n", static_cast<unsigned long long>(sent), seconds(start),
-              finish ? finish->body.substr(0, 40).c_str() : "no reply");
+  auto finish =
+      q.Get(("/provider?type=uploadfinish&host=" + httplib::detail::encode_query_param(server) +
+             "&session=" + session + "&cookie=&filesize=" + std::to_string(kBig))
+                .c_str());
+  std::printf("upload: %llu bytes in %.1f s, close %s\n", static_cast<unsigned long long>(sent),
+              seconds(start), finish ? finish->body.substr(0, 40).c_str() : "no reply");
   std::printf("metric hostd_upload_peak_mib %.1f\n", vmHwmKib(pid) / 1024.0);
   ::kill(pid, SIGTERM);
   ::waitpid(pid, nullptr, 0);
@@ -228,8 +234,11 @@ int main() {
   ::statvfs(root.c_str(), &vfs);
   uint64_t freeBytes = static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
   listing(root);
-  if (freeBytes > kBig + (2ull << 30)) memory(root);
-  else std::printf("memory: skipped, only %llu bytes free\n", static_cast<unsigned long long>(freeBytes));
+  if (freeBytes > kBig + (2ull << 30))
+    memory(root);
+  else
+    std::printf("memory: skipped, only %llu bytes free\n",
+                static_cast<unsigned long long>(freeBytes));
   std::error_code ec;
   fs::remove_all(root, ec);
   return 0;

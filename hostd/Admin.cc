@@ -29,7 +29,9 @@ std::optional<T> number(const Params& p, const char* key) {
   return v;
 }
 
-Reply failed(const Failure& f) { return Reply{f.status >= 200 && f.status <= 599 ? f.status : 400, errorReply(f)}; }
+Reply failed(const Failure& f) {
+  return Reply{f.status >= 200 && f.status <= 599 ? f.status : 400, errorReply(f)};
+}
 Reply failed(std::string msg) { return failed(fail(400, kBadRequest, std::move(msg))); }
 Reply ok(std::string body) { return Reply{200, std::move(body)}; }
 
@@ -46,7 +48,9 @@ Reply Host::control(const std::string& cmd, const Params& p) {
     auto port = number<int>(p, "port");
     if (!port || *port < 0 || *port > 65535) return failed("move-port needs port=N");
     std::string why;
-    if (!query_->move(*port, [this](int n) { events_.portMoved(n); }, &why)) return failed(fail(409, kStorage, why));
+    if (!query_->move(
+            *port, [this](int n) { events_.portMoved(n); }, &why))
+      return failed(fail(409, kStorage, why));
     writePortsFile();
     return ok(statusJson());
   }
@@ -61,8 +65,10 @@ Reply Host::control(const std::string& cmd, const Params& p) {
     UploadServer* server = port ? uploadServerOn(*port) : nullptr;
     if (!server) return failed(fail(404, kNotFound, "no upload server on that port"));
     std::string why;
-    if (cmd == "upload-down") server->stop();
-    else if (!server->start(&why)) return failed(fail(409, kStorage, why));
+    if (cmd == "upload-down")
+      server->stop();
+    else if (!server->start(&why))
+      return failed(fail(409, kStorage, why));
     return ok(statusJson());
   }
   if (cmd == "fault") {
@@ -70,7 +76,9 @@ Reply Host::control(const std::string& cmd, const Params& p) {
     auto kindName = param(p, "kind");
     auto kind = kindName ? faultKindFromName(*kindName) : std::nullopt;
     if (!target || target->empty() || !kind)
-      return failed("fault needs target=<query type|piece|blob> and kind=status|body|notjson|delay|drop|expect|complete|reset");
+      return failed(
+          "fault needs target=<query type|piece|blob> and "
+          "kind=status|body|notjson|delay|drop|expect|complete|reset");
     Fault f;
     f.kind = kind.value_or(FaultKind::Status);
     f.status = number<int>(p, "status").value_or(f.kind == FaultKind::Expect409 ? 409 : 500);
@@ -97,7 +105,8 @@ Reply Host::control(const std::string& cmd, const Params& p) {
   }
 
   auto mount = number<int64_t>(p, "mount");
-  if (!mount || !store_->mount(*mount)) return failed(fail(404, kNotFound, "needs mount=<existing mount id>"));
+  if (!mount || !store_->mount(*mount))
+    return failed(fail(404, kNotFound, "needs mount=<existing mount id>"));
   // The item a command acts on: uuid=<hash>, or path=<webpath> (live first, then the trash).
   auto target = [&]() -> Result<Item> {
     if (auto u = param(p, "uuid")) {
@@ -127,7 +136,8 @@ Reply Host::control(const std::string& cmd, const Params& p) {
       return std::pair{put.value(), static_cast<uint64_t>(text->size())};
     }
     auto size = number<uint64_t>(p, "size");
-    if (!size || *size > kMaxGenerated) return fail(400, kBadRequest, "needs source=, text= or size=");
+    if (!size || *size > kMaxGenerated)
+      return fail(400, kBadRequest, "needs source=, text= or size=");
     auto gen = blobs_->generate(*size, number<uint64_t>(p, "seed").value_or(0));
     if (!gen.ok()) return gen.failure();
     return std::pair{gen.value(), *size};
@@ -137,8 +147,9 @@ Reply Host::control(const std::string& cmd, const Params& p) {
     auto name = param(p, "name");
     if (!name || !isValidName(*name)) return failed(fail(400, kBadName, "needs a valid name="));
     std::string parentUuid = param(p, "parent") ? *param(p, "parent") : "";
-    std::optional<Item> parent = param(p, "parent-path") ? store_->itemAt(*mount, *param(p, "parent-path"))
-                                                         : store_->item(*mount, parentUuid);
+    std::optional<Item> parent = param(p, "parent-path")
+                                     ? store_->itemAt(*mount, *param(p, "parent-path"))
+                                     : store_->item(*mount, parentUuid);
     if (!parent || !parent->dir) return failed(fail(404, kNotFound, "no such parent folder"));
     std::string webpath = joinPath(parent->webpath, *name);
     Result<Item> r = Failure{};
@@ -173,8 +184,9 @@ Reply Host::control(const std::string& cmd, const Params& p) {
     }
     r = store_->rename(*mount, item->uuid, *name);
   } else if (cmd == "move") {
-    std::optional<Item> dest = param(p, "to-path") ? store_->itemAt(*mount, *param(p, "to-path"))
-                                                   : store_->item(*mount, param(p, "to") ? *param(p, "to") : "");
+    std::optional<Item> dest = param(p, "to-path")
+                                   ? store_->itemAt(*mount, *param(p, "to-path"))
+                                   : store_->item(*mount, param(p, "to") ? *param(p, "to") : "");
     if (!dest) return failed(fail(404, kNotFound, "no such destination folder"));
     r = store_->move(*mount, item->uuid, *mount, dest->uuid);
   } else if (cmd == "trash") {
@@ -203,7 +215,8 @@ std::string Host::statusJson() {
   w.key("force_uris").value(forceUris_.load()).key("query").value(queryPort());
   w.key("status_code").value(200).key("uploads").beginArray();
   for (auto& u : uploads_) {
-    w.beginObject().key("port").value(u->port()).key("up").value(u->up()).key("url").value(u->baseUrl());
+    w.beginObject().key("port").value(u->port()).key("up").value(u->up()).key("url").value(
+        u->baseUrl());
     w.endObject();
   }
   w.endArray().endObject();

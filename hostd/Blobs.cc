@@ -67,7 +67,9 @@ bool BlobStore::prepare(std::string* why) {
   return true;
 }
 
-fs::path BlobStore::pathOf(std::string_view sha1) const { return root_ / "blobs" / std::string(sha1); }
+fs::path BlobStore::pathOf(std::string_view sha1) const {
+  return root_ / "blobs" / std::string(sha1);
+}
 
 bool BlobStore::has(std::string_view sha1) const {
   if (!isSha1Hex(sha1)) return false;

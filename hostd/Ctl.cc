@@ -1,8 +1,9 @@
 #include "Ctl.h"
 
+#include <httplib.h>
+
 #include <CLI/CLI.hpp>
 #include <fstream>
-#include <httplib.h>
 #include <iostream>
 #include <sstream>
 #include <vector>
@@ -17,34 +18,58 @@ namespace {
 struct CommandSpec {
   const char* name;
   const char* help;
-  std::vector<const char*> options;     // --option=value pairs, passed as they are
-  std::vector<const char*> positionals; // positional arguments, passed by these names
+  std::vector<const char*> options;      // --option=value pairs, passed as they are
+  std::vector<const char*> positionals;  // positional arguments, passed by these names
 };
 
 const std::vector<CommandSpec>& commands() {
   static const std::vector<CommandSpec> specs = {
       {"status", "print ports, upload servers, armed faults, change cursor", {}, {}},
       {"add-mount", "add a mount (library)", {"name", "lasttime"}, {}},
-      {"add-folder", "add a folder under --parent UUID or --parent-path P (default: the mount root)",
-       {"mount", "name", "parent", "parent-path"}, {}},
-      {"add-file", "add a file; contents from --source FILE, --text T or --size N [--seed S]",
-       {"mount", "name", "parent", "parent-path", "source", "text", "size", "seed"}, {}},
-      {"write", "give a file new contents (--source, --text or --size)",
-       {"mount", "uuid", "path", "source", "text", "size", "seed"}, {}},
-      {"rename", "rename an item (a mount root renames the mount)", {"mount", "uuid", "path", "name"}, {}},
-      {"move", "move an item into folder --to UUID or --to-path P", {"mount", "uuid", "path", "to", "to-path"}, {}},
+      {"add-folder",
+       "add a folder under --parent UUID or --parent-path P (default: the mount root)",
+       {"mount", "name", "parent", "parent-path"},
+       {}},
+      {"add-file",
+       "add a file; contents from --source FILE, --text T or --size N [--seed S]",
+       {"mount", "name", "parent", "parent-path", "source", "text", "size", "seed"},
+       {}},
+      {"write",
+       "give a file new contents (--source, --text or --size)",
+       {"mount", "uuid", "path", "source", "text", "size", "seed"},
+       {}},
+      {"rename",
+       "rename an item (a mount root renames the mount)",
+       {"mount", "uuid", "path", "name"},
+       {}},
+      {"move",
+       "move an item into folder --to UUID or --to-path P",
+       {"mount", "uuid", "path", "to", "to-path"},
+       {}},
       {"trash", "move an item to the trash", {"mount", "uuid", "path"}, {}},
       {"restore", "bring an item back from the trash", {"mount", "uuid", "path"}, {}},
       {"delete", "remove an item and everything below it for good", {"mount", "uuid", "path"}, {}},
-      {"move-port", "listen for queries on PORT, announce it (type 1 event), close the old port", {}, {"port"}},
-      {"force-uris", "1: downloads always get \"uris\", never \"fullpath\"; 0: back to normal", {}, {"on"}},
+      {"move-port",
+       "listen for queries on PORT, announce it (type 1 event), close the old port",
+       {},
+       {"port"}},
+      {"force-uris",
+       "1: downloads always get \"uris\", never \"fullpath\"; 0: back to normal",
+       {},
+       {"on"}},
       {"fault",
-       "arm a fault for the next --count replies of --target (a query type, \"piece\" or \"blob\"); "
-       "--kind status|body|notjson|delay|drop|expect|complete|reset with --status, --code, --msg, --body, "
+       "arm a fault for the next --count replies of --target (a query type, \"piece\" or "
+       "\"blob\"); "
+       "--kind status|body|notjson|delay|drop|expect|complete|reset with --status, --code, --msg, "
+       "--body, "
        "--delay MS, --expect OFFSET",
-       {"target", "kind", "count", "status", "code", "msg", "body", "delay", "expect"}, {}},
+       {"target", "kind", "count", "status", "code", "msg", "body", "delay", "expect"},
+       {}},
       {"clear-faults", "disarm every fault", {}, {}},
-      {"upload-down", "stop the upload server on PORT (session steps naming it get 503)", {}, {"port"}},
+      {"upload-down",
+       "stop the upload server on PORT (session steps naming it get 503)",
+       {},
+       {"port"}},
       {"upload-up", "start the upload server on PORT again", {}, {"port"}},
   };
   return specs;
@@ -69,7 +94,8 @@ std::optional<int> adminPortFromRoot(const std::filesystem::path& root) {
 CLI::App* addCtlCommands(CLI::App& app, CtlOptions& options) {
   auto* ctl = app.add_subcommand("ctl", "control a running halvo-hostd through its admin endpoint");
   ctl->add_option("--root", options.root, "the host's data folder (to find its admin port)");
-  ctl->add_option("--admin-port", options.adminPort, "the host's admin port (default: from --root)");
+  ctl->add_option("--admin-port", options.adminPort,
+                  "the host's admin port (default: from --root)");
   ctl->require_subcommand(1);
   for (auto& spec : commands()) {
     auto* sub = ctl->add_subcommand(spec.name, spec.help);

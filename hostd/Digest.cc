@@ -1,13 +1,13 @@
 #include "Digest.h"
 
-#include "digest/FileMD5Hash.h"
-#include "digest/NSDataExpand.h"
-
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
 #include <random>
 #include <vector>
+
+#include "digest/FileMD5Hash.h"
+#include "digest/NSDataExpand.h"
 
 namespace hvfp::hostd {
 

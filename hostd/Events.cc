@@ -35,14 +35,23 @@ void Events::start(bool useBus, bool quiet) {
 
 void Events::emit(const std::string& json) {
   if (!emitter_) return;
-  if (!emitter_->emit(json)) log("host event not sent: {}", json);
-  else if (!quiet_) log("host event {}", json);
+  if (!emitter_->emit(json))
+    log("host event not sent: {}", json);
+  else if (!quiet_)
+    log("host event {}", json);
 }
 
 void Events::folderChanged(int64_t mountId, std::string_view uuid) {
   std::string out;
   JsonWriter w(out);
-  w.beginObject().key("hash").value(uuid).key("mountid").value(mountId).key("type").value(2).endObject();
+  w.beginObject()
+      .key("hash")
+      .value(uuid)
+      .key("mountid")
+      .value(mountId)
+      .key("type")
+      .value(2)
+      .endObject();
   emit(out);
 }
 

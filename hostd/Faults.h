@@ -18,14 +18,14 @@
 namespace hvfp::hostd {
 
 enum class FaultKind {
-  Status,    // a JSON reply {"status_code":S,"error_code":E,"error_msg":M}
-  Body,      // the given body, verbatim
-  NotJson,   // a body that does not parse as JSON
-  Delay,     // wait, then answer normally
-  Drop,      // close the connection without a complete reply
-  Expect409, // piece: 409 {"error_code":40900,"expect":N} (N defaults to the session offset)
-  Done202,   // piece: 202, as if the server already held the whole file
-  Reset,     // piece: reset the connection before any reply
+  Status,     // a JSON reply {"status_code":S,"error_code":E,"error_msg":M}
+  Body,       // the given body, verbatim
+  NotJson,    // a body that does not parse as JSON
+  Delay,      // wait, then answer normally
+  Drop,       // close the connection without a complete reply
+  Expect409,  // piece: 409 {"error_code":40900,"expect":N} (N defaults to the session offset)
+  Done202,    // piece: 202, as if the server already held the whole file
+  Reset,      // piece: reset the connection before any reply
 };
 
 struct Fault {

@@ -25,7 +25,9 @@ Host::~Host() { stop(); }
 
 bool Host::start(std::string* why) {
   if (!isLoopbackAddress(config_.bind)) {
-    if (why) *why = "refusing to bind " + config_.bind + ": only loopback addresses (127.x.x.x) are served";
+    if (why)
+      *why =
+          "refusing to bind " + config_.bind + ": only loopback addresses (127.x.x.x) are served";
     return false;
   }
   std::error_code ec;
@@ -52,7 +54,8 @@ bool Host::start(std::string* why) {
   events_.start(config_.useBus, config_.quiet);
   handler_ = std::make_unique<QueryHandler>(*store_, *blobs_, *sessions_, *this, faults_);
   for (int port : config_.uploadPorts) {
-    uploads_.push_back(std::make_unique<UploadServer>(config_.bind, port, *sessions_, faults_, config_.quiet));
+    uploads_.push_back(
+        std::make_unique<UploadServer>(config_.bind, port, *sessions_, faults_, config_.quiet));
     if (!uploads_.back()->start(why)) return false;
   }
   download_ = std::make_unique<DownloadServer>(config_.bind, *blobs_, faults_, config_.quiet);
@@ -60,11 +63,12 @@ bool Host::start(std::string* why) {
   query_ = std::make_unique<QueryServer>(config_.bind, *handler_, config_.quiet);
   if (!query_->start(config_.port, why)) return false;
   admin_ = std::make_unique<AdminServer>(
-      config_.bind, [this](const std::string& c, const Params& p) { return control(c, p); }, config_.quiet);
+      config_.bind, [this](const std::string& c, const Params& p) { return control(c, p); },
+      config_.quiet);
   if (!admin_->start(config_.adminPort, why)) return false;
   writePortsFile();
-  log("halvo-hostd: query {} admin {} download {} root {}", queryPort(), adminPort(), downloadPort(),
-      config_.root.string());
+  log("halvo-hostd: query {} admin {} download {} root {}", queryPort(), adminPort(),
+      downloadPort(), config_.root.string());
   return true;
 }
 

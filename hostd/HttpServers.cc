@@ -1,10 +1,10 @@
 #include "HttpServers.h"
 
 #include <fcntl.h>
+#include <httplib.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <httplib.h>
 
 #include "platform/Log.h"
 
@@ -14,14 +14,16 @@ namespace {
 
 constexpr size_t kChunk = 1 << 20;
 
-Params toParams(const httplib::Request& req) { return Params(req.params.begin(), req.params.end()); }
+Params toParams(const httplib::Request& req) {
+  return Params(req.params.begin(), req.params.end());
+}
 
 // Sends the head and then closes the connection without a body: the client
 // sees its transfer cut short.
 void dropConnection(httplib::Response& res) {
   res.status = 200;
-  res.set_content_provider(
-      64, "application/json", [](size_t, size_t, httplib::DataSink&) { return false; });
+  res.set_content_provider(64, "application/json",
+                           [](size_t, size_t, httplib::DataSink&) { return false; });
 }
 
 void sendReply(const Reply& r, httplib::Response& res) {
@@ -48,7 +50,8 @@ bool Listener::start(const std::string& bind, int port, std::string* why) {
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // stop() is a no-op until the accept loop runs, so a listener stopped right
   // after starting would otherwise never end.
-  for (int i = 0; i < 5000 && !server_->is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  for (int i = 0; i < 5000 && !server_->is_running(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return true;
 }
 
@@ -70,7 +73,8 @@ std::unique_ptr<Listener> QueryServer::make() {
     Reply r = handler_.handle(params);
     sendReply(r, res);
     if (!quiet_)
-      log("GET /provider type={} status={}", QueryHandler::typeOf(params), r.drop ? std::string("dropped") : std::to_string(r.status));
+      log("GET /provider type={} status={}", QueryHandler::typeOf(params),
+          r.drop ? std::string("dropped") : std::to_string(r.status));
   });
   server->set_error_handler([](const httplib::Request&, httplib::Response& res) {
     if (res.body.empty())
@@ -121,43 +125,45 @@ DownloadServer::~DownloadServer() { stop(); }
 
 bool DownloadServer::start(int port, std::string* why) {
   auto server = std::make_unique<httplib::Server>();
-  server->Get(R"(/blob/([0-9a-f]{40}))", [this](const httplib::Request& req, httplib::Response& res) {
-    std::string hash = req.matches[1];
-    auto logLine = [&](const std::string& status) {
-      if (!quiet_) log("GET /blob/{} range={} status={}", hash, req.get_header_value("Range"), status);
-    };
-    if (auto f = faults_.take("blob")) {
-      Reply r;
-      r.delayMs = std::min(f->delayMs, 60000);
-      r.drop = f->kind == FaultKind::Drop || f->kind == FaultKind::Reset;
-      r.status = f->status;
-      r.body = f->kind == FaultKind::NotJson ? "<html>trouble</html>" : f->body;
-      if (f->kind != FaultKind::Delay) {
-        sendReply(r, res);
-        return logLine(r.drop ? "dropped" : std::to_string(r.status));
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(r.delayMs));
-    }
-    int fd = ::open(blobs_.pathOf(hash).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-      res.status = 404;
-      res.set_content(errorReply(fail(404, kNotFound, "no such blob")), "application/json");
-      return logLine("404");
-    }
-    off_t size = ::lseek(fd, 0, SEEK_END);
-    auto shared = std::make_shared<int>(fd);
-    // Streamed in 1 MiB reads; httplib cuts the range and answers 206.
-    res.set_content_provider(
-        static_cast<size_t>(size), "application/octet-stream",
-        [shared](size_t offset, size_t length, httplib::DataSink& sink) {
-          std::vector<char> buf(std::min(length, kChunk));
-          ssize_t n = ::pread(*shared, buf.data(), buf.size(), static_cast<off_t>(offset));
-          if (n <= 0) return false;
-          return sink.write(buf.data(), static_cast<size_t>(n));
-        },
-        [shared](bool) { ::close(*shared); });
-    logLine(req.ranges.empty() ? "200" : "206");
-  });
+  server->Get(
+      R"(/blob/([0-9a-f]{40}))", [this](const httplib::Request& req, httplib::Response& res) {
+        std::string hash = req.matches[1];
+        auto logLine = [&](const std::string& status) {
+          if (!quiet_)
+            log("GET /blob/{} range={} status={}", hash, req.get_header_value("Range"), status);
+        };
+        if (auto f = faults_.take("blob")) {
+          Reply r;
+          r.delayMs = std::min(f->delayMs, 60000);
+          r.drop = f->kind == FaultKind::Drop || f->kind == FaultKind::Reset;
+          r.status = f->status;
+          r.body = f->kind == FaultKind::NotJson ? "<html>trouble</html>" : f->body;
+          if (f->kind != FaultKind::Delay) {
+            sendReply(r, res);
+            return logLine(r.drop ? "dropped" : std::to_string(r.status));
+          }
+          std::this_thread::sleep_for(std::chrono::milliseconds(r.delayMs));
+        }
+        int fd = ::open(blobs_.pathOf(hash).c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+          res.status = 404;
+          res.set_content(errorReply(fail(404, kNotFound, "no such blob")), "application/json");
+          return logLine("404");
+        }
+        off_t size = ::lseek(fd, 0, SEEK_END);
+        auto shared = std::make_shared<int>(fd);
+        // Streamed in 1 MiB reads; httplib cuts the range and answers 206.
+        res.set_content_provider(
+            static_cast<size_t>(size), "application/octet-stream",
+            [shared](size_t offset, size_t length, httplib::DataSink& sink) {
+              std::vector<char> buf(std::min(length, kChunk));
+              ssize_t n = ::pread(*shared, buf.data(), buf.size(), static_cast<off_t>(offset));
+              if (n <= 0) return false;
+              return sink.write(buf.data(), static_cast<size_t>(n));
+            },
+            [shared](bool) { ::close(*shared); });
+        logLine(req.ranges.empty() ? "200" : "206");
+      });
   listener_ = std::make_unique<Listener>(std::move(server));
   return listener_->start(bind_, port, why);
 }

@@ -23,7 +23,8 @@ class Args {
   std::optional<std::string> text(const char* key) {
     auto it = p_.find(key);
     if (it == p_.end()) return missing(key);
-    if (it->second.find('\0') != std::string::npos) return wrong(key, "must not contain NUL"), std::nullopt;
+    if (it->second.find('\0') != std::string::npos)
+      return wrong(key, "must not contain NUL"), std::nullopt;
     return it->second;
   }
   std::optional<int64_t> integer(const char* key) { return number<int64_t>(key); }
@@ -94,7 +95,12 @@ std::string errorReply(const Failure& f) {
   std::string out;
   JsonWriter w(out);
   w.beginObject();
-  w.key("error_code").value(f.code).key("error_msg").value(f.message).key("status_code").value(f.status);
+  w.key("error_code")
+      .value(f.code)
+      .key("error_msg")
+      .value(f.message)
+      .key("status_code")
+      .value(f.status);
   w.endObject();
   return out;
 }
@@ -103,10 +109,25 @@ static void writeItem(JsonWriter& w, const Item& it, bool withStatus) {
   w.beginObject();
   if (it.dir) w.key("childcount").value(it.childCount);
   w.key("creatortime").value(it.createTime).key("dir").value(int64_t{it.dir});
-  w.key("filehash").value(it.fileHash).key("filename").value(it.name).key("filesize").value(it.size);
-  w.key("lastid").value(it.lastId).key("lastname").value(it.lastName).key("lasttime").value(it.changeTime);
+  w.key("filehash")
+      .value(it.fileHash)
+      .key("filename")
+      .value(it.name)
+      .key("filesize")
+      .value(it.size);
+  w.key("lastid")
+      .value(it.lastId)
+      .key("lastname")
+      .value(it.lastName)
+      .key("lasttime")
+      .value(it.changeTime);
   w.key("lock").value(it.lock).key("lockid").value(it.lockId).key("mount_id").value(it.mountId);
-  w.key("property").value(it.property).key("root").value(int64_t{it.root}).key("status").value(it.status);
+  w.key("property")
+      .value(it.property)
+      .key("root")
+      .value(int64_t{it.root})
+      .key("status")
+      .value(it.status);
   if (withStatus) w.key("status_code").value(200);
   w.key("up_hash").value(it.upHash).key("uuidhash").value(it.uuid).key("webpath").value(it.webpath);
   w.endObject();
@@ -119,8 +140,8 @@ std::string itemJson(const Item& item, bool withStatus) {
   return out;
 }
 
-QueryHandler::QueryHandler(Store& store, BlobStore& blobs, UploadSessions& sessions, HostDirectory& dir,
-                           FaultTable& faults)
+QueryHandler::QueryHandler(Store& store, BlobStore& blobs, UploadSessions& sessions,
+                           HostDirectory& dir, FaultTable& faults)
     : store_(store), blobs_(blobs), sessions_(sessions), dir_(dir), faults_(faults) {}
 
 std::string QueryHandler::typeOf(const Params& params) {
@@ -141,13 +162,22 @@ Reply QueryHandler::handle(const Params& params) {
       return normal;
     }
     case FaultKind::Drop:
-    case FaultKind::Reset: r.drop = true; return r;
-    case FaultKind::Body: r.status = 200; r.body = fault->body; return r;
-    case FaultKind::NotJson: r.status = 200; r.body = "<html><body>host trouble</body></html>"; return r;
+    case FaultKind::Reset:
+      r.drop = true;
+      return r;
+    case FaultKind::Body:
+      r.status = 200;
+      r.body = fault->body;
+      return r;
+    case FaultKind::NotJson:
+      r.status = 200;
+      r.body = "<html><body>host trouble</body></html>";
+      return r;
     case FaultKind::Status:
     case FaultKind::Expect409:
     case FaultKind::Done202: {
-      Failure f{fault->status, fault->errorCode, fault->message.empty() ? "injected fault" : fault->message};
+      Failure f{fault->status, fault->errorCode,
+                fault->message.empty() ? "injected fault" : fault->message};
       Reply e = fromFailure(f);
       e.delayMs = r.delayMs;
       if (!fault->body.empty()) e.body = fault->body;
@@ -253,9 +283,15 @@ Reply QueryHandler::download(const Params& p) {
   std::string out;
   JsonWriter w(out);
   w.beginObject();
-  w.key("dateline").value(it->changeTime).key("filehash").value(it->fileHash).key("filesize").value(it->size);
+  w.key("dateline")
+      .value(it->changeTime)
+      .key("filehash")
+      .value(it->fileHash)
+      .key("filesize")
+      .value(it->size);
   bool local = blobs_.has(it->fileHash) && !dir_.forceUris();
-  if (local) w.key("fullpath").value(std::filesystem::absolute(blobs_.pathOf(it->fileHash)).string());
+  if (local)
+    w.key("fullpath").value(std::filesystem::absolute(blobs_.pathOf(it->fileHash)).string());
   w.key("hash").value(it->uuid).key("lock").value(it->lock);
   if (it->lock != 0) w.key("lock_member_id").value(it->lockId);
   w.key("status_code").value(200);
@@ -319,7 +355,8 @@ Reply QueryHandler::addCache(const Params& p) {
   auto path = a.text("path");
   auto hash = a.text("filehash");
   if (!a.ok()) return a.reply();
-  if (path->empty() || path->front() != '/') return fromFailure(badRequest("path must be absolute"));
+  if (path->empty() || path->front() != '/')
+    return fromFailure(badRequest("path must be absolute"));
   auto r = blobs_.ingest(*path, *hash);
   if (!r.ok()) return fromFailure(r.failure());
   return okReply(statusOnly(200));
@@ -361,7 +398,8 @@ Reply QueryHandler::create(const Params& p) {
     if (!r.ok()) return fromFailure(r.failure());
     return okReply(placedReply(r.value(), 1));
   }
-  if (!isSha1Hex(*hash)) return fromFailure(badRequest("filehash must be 40 lowercase hex characters"));
+  if (!isSha1Hex(*hash))
+    return fromFailure(badRequest("filehash must be 40 lowercase hex characters"));
   bool stored = blobs_.has(*hash);
   auto res = store_.reserve(*mount, *webpath, *hash, *size, *ctime, *mtime, !stored);
   if (!res.ok()) return fromFailure(res.failure());
@@ -376,8 +414,18 @@ Reply QueryHandler::create(const Params& p) {
   JsonWriter w(out);
   w.beginObject();
   w.key("cache_uploads").beginArray().endArray();
-  w.key("filehash").value(r.fileHash).key("filesize").value(r.size).key("fullpath").value(r.webpath);
-  w.key("hash").value(r.uuid).key("last_dateline").value(r.changeTime).key("mount_id").value(r.mountId);
+  w.key("filehash")
+      .value(r.fileHash)
+      .key("filesize")
+      .value(r.size)
+      .key("fullpath")
+      .value(r.webpath);
+  w.key("hash")
+      .value(r.uuid)
+      .key("last_dateline")
+      .value(r.changeTime)
+      .key("mount_id")
+      .value(r.mountId);
   w.key("state").value(0).key("status_code").value(200).key("storage_point").value(kStoragePoint);
   w.key("up_hash").value(r.upHash).key("uploads").beginArray();
   for (auto& url : dir_.uploadUrls()) w.value(url);
@@ -436,7 +484,13 @@ Reply QueryHandler::uploadReq(const Params& p) {
   auto r = sessions_.offset(port, *session);
   if (!r.ok()) return fromFailure(r.failure());
   std::string out;
-  JsonWriter(out).beginObject().key("offset").value(r.value()).key("status_code").value(200).endObject();
+  JsonWriter(out)
+      .beginObject()
+      .key("offset")
+      .value(r.value())
+      .key("status_code")
+      .value(200)
+      .endObject();
   return okReply(std::move(out));
 }
 

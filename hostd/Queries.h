@@ -40,15 +40,16 @@ class HostDirectory {
 };
 
 struct Reply {
-  int status = 200;      // HTTP status of the response
+  int status = 200;  // HTTP status of the response
   std::string body;
-  bool drop = false;     // cut the connection instead of answering
-  int delayMs = 0;       // wait this long before answering
+  bool drop = false;  // cut the connection instead of answering
+  int delayMs = 0;    // wait this long before answering
 };
 
 class QueryHandler {
  public:
-  QueryHandler(Store& store, BlobStore& blobs, UploadSessions& sessions, HostDirectory& dir, FaultTable& faults);
+  QueryHandler(Store& store, BlobStore& blobs, UploadSessions& sessions, HostDirectory& dir,
+               FaultTable& faults);
 
   Reply handle(const Params& params);
   // The query type, for the request log; "" when absent.

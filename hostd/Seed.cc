@@ -8,7 +8,8 @@ namespace {
 
 std::string pdfBytes() {
   std::string s = "%PDF-1.4\n1 0 obj << /Type /Catalog /Pages 2 0 R >> endobj\n";
-  for (int i = 0; i < 2000; ++i) s += "BT /F1 12 Tf 72 " + std::to_string(700 - i % 600) + " Td (Annual report line) Tj ET\n";
+  for (int i = 0; i < 2000; ++i)
+    s += "BT /F1 12 Tf 72 " + std::to_string(700 - i % 600) + " Td (Annual report line) Tj ET\n";
   return s + "trailer << /Root 1 0 R >>\n%%EOF\n";
 }
 
@@ -21,8 +22,8 @@ std::string jpegBytes(size_t size, uint64_t seed) {
 
 }  // namespace
 
-Result<Item> placeBlob(Store& store, int64_t mountId, std::string_view webpath, std::string_view sha1,
-                       uint64_t size, uint64_t time) {
+Result<Item> placeBlob(Store& store, int64_t mountId, std::string_view webpath,
+                       std::string_view sha1, uint64_t size, uint64_t time) {
   auto r = store.reserve(mountId, webpath, sha1, size, time, time, false);
   if (!r.ok()) return r.failure();
   return store.commitFile(r.value());
@@ -36,7 +37,8 @@ Result<Item> putFile(Store& store, BlobStore& blobs, int64_t mountId, std::strin
 }
 
 Result<bool> seedStore(const std::string& name, Store& store, BlobStore& blobs) {
-  if (name != "sample") return fail(400, kBadRequest, "unknown seed '" + name + "' (known: sample)");
+  if (name != "sample")
+    return fail(400, kBadRequest, "unknown seed '" + name + "' (known: sample)");
   if (!store.empty()) return false;
   const uint64_t t = 1700000000;
   auto docs = store.addMount("Docs", t + 500);
@@ -54,8 +56,10 @@ Result<bool> seedStore(const std::string& name, Store& store, BlobStore& blobs) 
   check(putFile(store, blobs, d, "Reports/2023/annual.pdf", pdfBytes(), t + 20));
   check(putFile(store, blobs, d, "Reports/q1.txt", "Revenue grew in Q1.\nCosts held.\n", t + 30));
   check(putFile(store, blobs, d, "README.txt", "Welcome to Docs.\n", t + 40));
-  check(putFile(store, blobs, d, "notes.md", "# Notes\n\n- call the bank\n- renew passport\n", t + 50));
-  Item draft = check(putFile(store, blobs, d, "old-draft.txt", "an early draft nobody needs\n", t + 60));
+  check(putFile(store, blobs, d, "notes.md", "# Notes\n\n- call the bank\n- renew passport\n",
+                t + 50));
+  Item draft =
+      check(putFile(store, blobs, d, "old-draft.txt", "an early draft nobody needs\n", t + 60));
   check(store.makeFolder(d2, "Shared", t, t));
   check(putFile(store, blobs, d2, "Shared/plan.txt", "Plan for the second library.\n", t + 70));
   check(putFile(store, blobs, d2, "empty.txt", "", t + 75));

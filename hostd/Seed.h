@@ -21,7 +21,7 @@ Result<bool> seedStore(const std::string& name, Store& store, BlobStore& blobs);
 Result<Item> putFile(Store& store, BlobStore& blobs, int64_t mountId, std::string_view webpath,
                      std::string_view bytes, uint64_t time);
 // Same for contents already in the blob store.
-Result<Item> placeBlob(Store& store, int64_t mountId, std::string_view webpath, std::string_view sha1,
-                       uint64_t size, uint64_t time);
+Result<Item> placeBlob(Store& store, int64_t mountId, std::string_view webpath,
+                       std::string_view sha1, uint64_t size, uint64_t time);
 
 }  // namespace hvfp::hostd

@@ -6,8 +6,9 @@ namespace hvfp::hostd {
 
 std::unique_ptr<Db> Db::open(const std::string& path, std::string* why) {
   sqlite3* raw = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &raw,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  int rc =
+      sqlite3_open_v2(path.c_str(), &raw,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     if (why) *why = raw ? sqlite3_errmsg(raw) : "sqlite3_open_v2 failed";
     sqlite3_close(raw);
@@ -44,8 +45,8 @@ Stmt& Stmt::bind(int index, int64_t v) {
 }
 
 Stmt& Stmt::bind(int index, std::string_view v) {
-  if (stmt_ && sqlite3_bind_text64(stmt_, index, v.data(), v.size(), SQLITE_TRANSIENT, SQLITE_UTF8) !=
-                   SQLITE_OK)
+  if (stmt_ && sqlite3_bind_text64(stmt_, index, v.data(), v.size(), SQLITE_TRANSIENT,
+                                   SQLITE_UTF8) != SQLITE_OK)
     ok_ = false;
   return *this;
 }
@@ -81,7 +82,8 @@ int64_t Stmt::integer(int col) const { return sqlite3_column_int64(stmt_, col); 
 std::string Stmt::text(int col) const {
   auto p = sqlite3_column_text(stmt_, col);
   if (!p) return {};
-  return std::string(reinterpret_cast<const char*>(p), static_cast<size_t>(sqlite3_column_bytes(stmt_, col)));
+  return std::string(reinterpret_cast<const char*>(p),
+                     static_cast<size_t>(sqlite3_column_bytes(stmt_, col)));
 }
 
 bool Stmt::isNull(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }

@@ -99,7 +99,8 @@ bool isValidWebpath(std::string_view webpath) {
   size_t start = 0;
   for (;;) {
     auto slash = webpath.find('/', start);
-    auto part = webpath.substr(start, slash == std::string_view::npos ? webpath.npos : slash - start);
+    auto part =
+        webpath.substr(start, slash == std::string_view::npos ? webpath.npos : slash - start);
     if (!isValidName(part)) return false;
     if (slash == std::string_view::npos) return true;
     start = slash + 1;
@@ -107,9 +108,9 @@ bool isValidWebpath(std::string_view webpath) {
 }
 
 uint64_t nowSeconds() {
-  return static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-          .count());
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count());
 }
 
 std::unique_ptr<Store> Store::open(const std::filesystem::path& file, std::string* why) {
@@ -177,7 +178,8 @@ std::optional<Mount> Store::mount(int64_t id) {
 std::optional<Item> Store::itemLocked(int64_t mountId, std::string_view uuid) {
   if (uuid.empty()) {
     Stmt m(*db_,
-           "SELECT name, lasttime, created, (SELECT COUNT(*) FROM items i WHERE i.mount_id = mounts.id "
+           "SELECT name, lasttime, created, (SELECT COUNT(*) FROM items i WHERE i.mount_id = "
+           "mounts.id "
            "AND i.up_hash = '' AND i.status NOT IN (6, 7)) FROM mounts WHERE id = ?");
     m.bind(1, mountId);
     if (!m.step()) return std::nullopt;
@@ -202,7 +204,8 @@ std::optional<Item> Store::item(int64_t mountId, std::string_view uuid) {
   return itemLocked(mountId, uuid);
 }
 
-std::optional<Item> Store::childNamed(int64_t mountId, std::string_view folder, std::string_view name) {
+std::optional<Item> Store::childNamed(int64_t mountId, std::string_view folder,
+                                      std::string_view name) {
   Stmt s(*db_, select("i.mount_id = ? AND i.up_hash = ? AND i.name = ? AND ") + kLive);
   s.bind(1, mountId).bind(2, folder).bind(3, name);
   if (!s.step()) return std::nullopt;
@@ -227,7 +230,8 @@ std::optional<Item> Store::resolveLocked(int64_t mountId, std::string_view webpa
   size_t start = 0;
   while (cur && start < webpath.size()) {
     auto slash = webpath.find('/', start);
-    auto part = webpath.substr(start, slash == std::string_view::npos ? webpath.npos : slash - start);
+    auto part =
+        webpath.substr(start, slash == std::string_view::npos ? webpath.npos : slash - start);
     cur = childNamed(mountId, cur->uuid, part);
     if (slash == std::string_view::npos) break;
     start = slash + 1;
@@ -269,7 +273,9 @@ Result<Mount> Store::addMount(std::string_view name, uint64_t lastTime) {
   if (!isValidName(name)) return badName();
   std::lock_guard lock(mutex_);
   Stmt s(*db_, "INSERT INTO mounts(name, lasttime, created) VALUES(?, ?, ?)");
-  s.bind(1, name).bind(2, static_cast<int64_t>(lastTime)).bind(3, static_cast<int64_t>(nowSeconds()));
+  s.bind(1, name)
+      .bind(2, static_cast<int64_t>(lastTime))
+      .bind(3, static_cast<int64_t>(nowSeconds()));
   if (!s.run()) return dbFailure(*db_);
   return Mount{db_->lastInsertId(), std::string(name), lastTime, nowSeconds()};
 }
@@ -285,9 +291,10 @@ Result<Mount> Store::renameMount(int64_t mountId, std::string_view name) {
 }
 
 Result<Item> Store::insertItem(Item it) {
-  Stmt s(*db_,
-         "INSERT INTO items(mount_id, uuid_hash, up_hash, name, webpath, dir, filehash, size, ctime, "
-         "mtime, status, cursor) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, 0, ?)");
+  Stmt s(
+      *db_,
+      "INSERT INTO items(mount_id, uuid_hash, up_hash, name, webpath, dir, filehash, size, ctime, "
+      "mtime, status, cursor) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, 0, ?)");
   s.bind(1, it.mountId).bind(2, it.uuid).bind(3, it.upHash).bind(4, it.name).bind(5, it.webpath);
   s.bind(6, int64_t{it.dir}).bind(7, it.fileHash).bind(8, static_cast<int64_t>(it.size));
   s.bind(9, static_cast<int64_t>(it.createTime)).bind(10, static_cast<int64_t>(it.changeTime));
@@ -303,7 +310,8 @@ Result<Item> Store::folderLocked(int64_t mountId, std::string_view webpath) {
   return *folder;
 }
 
-Result<Item> Store::makeFolder(int64_t mountId, std::string_view webpath, uint64_t ctime, uint64_t mtime) {
+Result<Item> Store::makeFolder(int64_t mountId, std::string_view webpath, uint64_t ctime,
+                               uint64_t mtime) {
   if (!isValidWebpath(webpath)) return badName();
   auto [parentPath, name] = splitParent(webpath);
   std::lock_guard lock(mutex_);
@@ -330,15 +338,17 @@ Result<Item> Store::makeFolder(int64_t mountId, std::string_view webpath, uint64
   return r;
 }
 
-Result<Reservation> Store::reserve(int64_t mountId, std::string_view webpath, std::string_view fileHash,
-                                   uint64_t size, uint64_t ctime, uint64_t mtime, bool persist) {
+Result<Reservation> Store::reserve(int64_t mountId, std::string_view webpath,
+                                   std::string_view fileHash, uint64_t size, uint64_t ctime,
+                                   uint64_t mtime, bool persist) {
   if (!isValidWebpath(webpath)) return badName();
   auto [parentPath, name] = splitParent(webpath);
   std::lock_guard lock(mutex_);
   auto parent = folderLocked(mountId, parentPath);
   if (!parent.ok()) return parent.failure();
-  Reservation r{mountId, "", parent->uuid, joinPath(parent->webpath, name), std::string(fileHash),
-                size, ctime, mtime};
+  Reservation r{
+      mountId, "",    parent->uuid, joinPath(parent->webpath, name), std::string(fileHash),
+      size,    ctime, mtime};
   if (auto existing = childNamed(mountId, parent->uuid, name)) {
     if (existing->dir) return nameTaken();
     r.uuid = existing->uuid;
@@ -347,10 +357,13 @@ Result<Reservation> Store::reserve(int64_t mountId, std::string_view webpath, st
   }
   if (persist) {
     Stmt s(*db_,
-           "INSERT OR REPLACE INTO reservations(mount_id, uuid_hash, up_hash, webpath, filehash, size, "
+           "INSERT OR REPLACE INTO reservations(mount_id, uuid_hash, up_hash, webpath, filehash, "
+           "size, "
            "ctime, mtime) VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
     s.bind(1, mountId).bind(2, r.uuid).bind(3, r.upHash).bind(4, r.webpath).bind(5, r.fileHash);
-    s.bind(6, static_cast<int64_t>(size)).bind(7, static_cast<int64_t>(ctime)).bind(8, static_cast<int64_t>(mtime));
+    s.bind(6, static_cast<int64_t>(size))
+        .bind(7, static_cast<int64_t>(ctime))
+        .bind(8, static_cast<int64_t>(mtime));
     if (!s.run()) return dbFailure(*db_);
   }
   return r;
@@ -359,12 +372,18 @@ Result<Reservation> Store::reserve(int64_t mountId, std::string_view webpath, st
 std::optional<Reservation> Store::reservation(int64_t mountId, std::string_view uuid) {
   std::lock_guard lock(mutex_);
   Stmt s(*db_,
-         "SELECT up_hash, webpath, filehash, size, ctime, mtime FROM reservations WHERE mount_id = ? AND "
+         "SELECT up_hash, webpath, filehash, size, ctime, mtime FROM reservations WHERE mount_id = "
+         "? AND "
          "uuid_hash = ?");
   s.bind(1, mountId).bind(2, uuid);
   if (!s.step()) return std::nullopt;
-  return Reservation{mountId, std::string(uuid), s.text(0), s.text(1), s.text(2),
-                     static_cast<uint64_t>(s.integer(3)), static_cast<uint64_t>(s.integer(4)),
+  return Reservation{mountId,
+                     std::string(uuid),
+                     s.text(0),
+                     s.text(1),
+                     s.text(2),
+                     static_cast<uint64_t>(s.integer(3)),
+                     static_cast<uint64_t>(s.integer(4)),
                      static_cast<uint64_t>(s.integer(5))};
 }
 
@@ -380,8 +399,12 @@ Result<Item> Store::commitFile(const Reservation& r) {
   if (!drop.run()) return dbFailure(*db_);
   if (auto existing = childNamed(r.mountId, parent->uuid, name)) {
     if (existing->dir) return nameTaken();
-    Stmt up(*db_, "UPDATE items SET filehash = ?, size = ?, mtime = ?, cursor = ? WHERE mount_id = ? AND uuid_hash = ?");
-    up.bind(1, r.fileHash).bind(2, static_cast<int64_t>(r.size)).bind(3, static_cast<int64_t>(r.changeTime));
+    Stmt up(*db_,
+            "UPDATE items SET filehash = ?, size = ?, mtime = ?, cursor = ? WHERE mount_id = ? AND "
+            "uuid_hash = ?");
+    up.bind(1, r.fileHash)
+        .bind(2, static_cast<int64_t>(r.size))
+        .bind(3, static_cast<int64_t>(r.changeTime));
     up.bind(4, static_cast<int64_t>(cur)).bind(5, r.mountId).bind(6, existing->uuid);
     if (!up.run() || !tx.commit()) return dbFailure(*db_);
     return *itemLocked(r.mountId, existing->uuid);
@@ -411,30 +434,38 @@ Result<Item> Store::setContents(int64_t mountId, std::string_view uuid, std::str
   if (!it || it->root) return notFound();
   if (it->dir) return fail(409, kNotFolder, "a folder has no contents");
   Transaction tx(*db_);
-  Stmt up(*db_, "UPDATE items SET filehash = ?, size = ?, mtime = ?, cursor = ? WHERE mount_id = ? AND uuid_hash = ?");
+  Stmt up(*db_,
+          "UPDATE items SET filehash = ?, size = ?, mtime = ?, cursor = ? WHERE mount_id = ? AND "
+          "uuid_hash = ?");
   up.bind(1, fileHash).bind(2, static_cast<int64_t>(size)).bind(3, static_cast<int64_t>(mtime));
   up.bind(4, static_cast<int64_t>(bumpCursor())).bind(5, mountId).bind(6, uuid);
   if (!up.run() || !tx.commit()) return dbFailure(*db_);
   return *itemLocked(mountId, uuid);
 }
 
-bool Store::relocate(const Item& item, std::string_view upHash, std::string_view name, uint64_t cursor) {
+bool Store::relocate(const Item& item, std::string_view upHash, std::string_view name,
+                     uint64_t cursor) {
   auto parent = itemLocked(item.mountId, upHash);
   if (!parent) return false;
   std::string newPath = joinPath(parent->webpath, name);
   Stmt up(*db_,
-          "UPDATE items SET up_hash = ?, name = ?, webpath = ?, cursor = ? WHERE mount_id = ? AND uuid_hash = ?");
+          "UPDATE items SET up_hash = ?, name = ?, webpath = ?, cursor = ? WHERE mount_id = ? AND "
+          "uuid_hash = ?");
   up.bind(1, upHash).bind(2, name).bind(3, newPath).bind(4, static_cast<int64_t>(cursor));
   up.bind(5, item.mountId).bind(6, item.uuid);
   if (!up.run()) return false;
   if (!item.dir || newPath == item.webpath) return true;
   // Paths below a moved folder follow it; their records changed, so they
   // show up in the change listing too.
-  Stmt below(*db_,
-             "UPDATE items SET webpath = ? || substr(webpath, ?), cursor = ? WHERE mount_id = ? AND "
-             "substr(webpath, 1, ?) = ?");
+  Stmt below(
+      *db_,
+      "UPDATE items SET webpath = ? || substr(webpath, ?), cursor = ? WHERE mount_id = ? AND "
+      "substr(webpath, 1, ?) = ?");
   int64_t oldLen = static_cast<int64_t>(item.webpath.size());
-  below.bind(1, newPath).bind(2, oldLen + 1).bind(3, static_cast<int64_t>(cursor)).bind(4, item.mountId);
+  below.bind(1, newPath)
+      .bind(2, oldLen + 1)
+      .bind(3, static_cast<int64_t>(cursor))
+      .bind(4, item.mountId);
   below.bind(5, oldLen + 1).bind(6, item.webpath + "/");
   return below.run();
 }
@@ -447,7 +478,8 @@ Result<Item> Store::rename(int64_t mountId, std::string_view uuid, std::string_v
   if (it->root) return fail(403, kRootRefused, "a mount root cannot be renamed here");
   if (it->name == name) return *it;
   if (it->status != kStatusTrash) {
-    if (auto other = childNamed(mountId, it->upHash, name); other && other->uuid != it->uuid) return nameTaken();
+    if (auto other = childNamed(mountId, it->upHash, name); other && other->uuid != it->uuid)
+      return nameTaken();
   }
   Transaction tx(*db_);
   if (!relocate(*it, it->upHash, name, bumpCursor()) || !tx.commit()) return dbFailure(*db_);
@@ -465,7 +497,8 @@ bool Store::isInside(int64_t mountId, std::string_view folder, std::string_view 
   return false;
 }
 
-Result<Item> Store::move(int64_t mountId, std::string_view uuid, int64_t toMount, std::string_view toParent) {
+Result<Item> Store::move(int64_t mountId, std::string_view uuid, int64_t toMount,
+                         std::string_view toParent) {
   std::lock_guard lock(mutex_);
   auto it = itemLocked(mountId, uuid);
   if (!it) return notFound();
@@ -532,7 +565,8 @@ Result<Item> Store::erase(int64_t mountId, std::string_view uuid) {
   Transaction tx(*db_);
   Stmt del(*db_,
            "WITH RECURSIVE sub(u) AS (SELECT ? UNION SELECT i.uuid_hash FROM items i JOIN sub ON "
-           "i.up_hash = sub.u WHERE i.mount_id = ?) DELETE FROM items WHERE mount_id = ? AND uuid_hash IN "
+           "i.up_hash = sub.u WHERE i.mount_id = ?) DELETE FROM items WHERE mount_id = ? AND "
+           "uuid_hash IN "
            "(SELECT u FROM sub)");
   del.bind(1, uuid).bind(2, mountId).bind(3, mountId);
   bumpCursor();
@@ -543,7 +577,9 @@ Result<Item> Store::erase(int64_t mountId, std::string_view uuid) {
 Result<bool> Store::setLocalStatus(int64_t mountId, std::string_view uuid, int64_t status) {
   std::lock_guard lock(mutex_);
   if (!itemLocked(mountId, uuid)) return notFound();
-  Stmt s(*db_, "INSERT OR REPLACE INTO sync_records(mount_id, uuid_hash, local_status, updated) VALUES(?, ?, ?, ?)");
+  Stmt s(*db_,
+         "INSERT OR REPLACE INTO sync_records(mount_id, uuid_hash, local_status, updated) "
+         "VALUES(?, ?, ?, ?)");
   s.bind(1, mountId).bind(2, uuid).bind(3, status).bind(4, static_cast<int64_t>(nowSeconds()));
   if (!s.run()) return dbFailure(*db_);
   return true;
@@ -567,9 +603,14 @@ void Store::dropSyncRecord(int64_t mountId, std::string_view uuid) {
 bool Store::saveSession(const SessionRow& row) {
   std::lock_guard lock(mutex_);
   Stmt s(*db_,
-         "INSERT OR REPLACE INTO sessions(id, port, mount_id, uuid_hash, filehash, size, created) VALUES(?, "
+         "INSERT OR REPLACE INTO sessions(id, port, mount_id, uuid_hash, filehash, size, created) "
+         "VALUES(?, "
          "?, ?, ?, ?, ?, ?)");
-  s.bind(1, row.id).bind(2, int64_t{row.port}).bind(3, row.mountId).bind(4, row.uuid).bind(5, row.fileHash);
+  s.bind(1, row.id)
+      .bind(2, int64_t{row.port})
+      .bind(3, row.mountId)
+      .bind(4, row.uuid)
+      .bind(5, row.fileHash);
   s.bind(6, static_cast<int64_t>(row.size)).bind(7, static_cast<int64_t>(row.created));
   return s.run();
 }
@@ -592,14 +633,16 @@ std::vector<SessionRow> Store::sessions() {
 }
 
 Result<size_t> Store::addManyFiles(int64_t mountId, std::string_view folderUuid, size_t count,
-                                   std::string_view prefix, std::string_view fileHash, uint64_t size) {
+                                   std::string_view prefix, std::string_view fileHash,
+                                   uint64_t size) {
   std::lock_guard lock(mutex_);
   auto parent = liveFolder(mountId, folderUuid);
   if (!parent) return fail(404, kNotFound, "no such folder");
   Transaction tx(*db_);
   uint64_t cur = bumpCursor();
   Stmt s(*db_,
-         "INSERT INTO items(mount_id, uuid_hash, up_hash, name, webpath, dir, filehash, size, ctime, mtime, "
+         "INSERT INTO items(mount_id, uuid_hash, up_hash, name, webpath, dir, filehash, size, "
+         "ctime, mtime, "
          "status, cursor) VALUES(?, ?, ?, ?, ?, 0, ?, ?, ?, ?, 0, ?)");
   uint64_t now = nowSeconds();
   for (size_t n = 0; n < count; ++n) {
@@ -607,8 +650,12 @@ Result<size_t> Store::addManyFiles(int64_t mountId, std::string_view folderUuid,
     if (childNamed(mountId, folderUuid, name)) continue;
     s.reset();
     s.bind(1, mountId).bind(2, randomHex(16)).bind(3, folderUuid).bind(4, name);
-    s.bind(5, joinPath(parent->webpath, name)).bind(6, fileHash).bind(7, static_cast<int64_t>(size));
-    s.bind(8, static_cast<int64_t>(now)).bind(9, static_cast<int64_t>(now)).bind(10, static_cast<int64_t>(cur));
+    s.bind(5, joinPath(parent->webpath, name))
+        .bind(6, fileHash)
+        .bind(7, static_cast<int64_t>(size));
+    s.bind(8, static_cast<int64_t>(now))
+        .bind(9, static_cast<int64_t>(now))
+        .bind(10, static_cast<int64_t>(cur));
     if (!s.run()) return dbFailure(*db_);
   }
   if (!tx.commit()) return dbFailure(*db_);

@@ -110,7 +110,8 @@ class Store {
   Result<Mount> addMount(std::string_view name, uint64_t lastTime);
   Result<Mount> renameMount(int64_t mountId, std::string_view name);
   // Folder at a path whose parent must exist; an existing folder is returned.
-  Result<Item> makeFolder(int64_t mountId, std::string_view webpath, uint64_t ctime, uint64_t mtime);
+  Result<Item> makeFolder(int64_t mountId, std::string_view webpath, uint64_t ctime,
+                          uint64_t mtime);
   // Decides the uuid hash of a file about to be uploaded to `webpath`: the
   // existing file's when the path holds one (a new version), else a new one.
   Result<Reservation> reserve(int64_t mountId, std::string_view webpath, std::string_view fileHash,
@@ -121,7 +122,8 @@ class Store {
   Result<Item> setContents(int64_t mountId, std::string_view uuid, std::string_view fileHash,
                            uint64_t size, uint64_t mtime);
   Result<Item> rename(int64_t mountId, std::string_view uuid, std::string_view name);
-  Result<Item> move(int64_t mountId, std::string_view uuid, int64_t toMount, std::string_view toParent);
+  Result<Item> move(int64_t mountId, std::string_view uuid, int64_t toMount,
+                    std::string_view toParent);
   Result<Item> trash(int64_t mountId, std::string_view uuid);
   Result<Item> restore(int64_t mountId, std::string_view uuid);
   // Removes an item and everything below it for good; returns what it was.

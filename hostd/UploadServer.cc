@@ -39,7 +39,8 @@ std::string lower(std::string s) {
 
 std::string trim(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r')) s.remove_suffix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
+    s.remove_suffix(1);
   return std::string(s);
 }
 
@@ -78,18 +79,30 @@ std::optional<Request> parseHead(std::string_view head) {
 
 const char* reason(int status) {
   switch (status) {
-    case 100: return "Continue";
-    case 200: return "OK";
-    case 202: return "Accepted";
-    case 400: return "Bad Request";
-    case 401: return "Unauthorized";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 409: return "Conflict";
-    case 411: return "Length Required";
-    case 413: return "Payload Too Large";
-    case 431: return "Request Header Fields Too Large";
-    default: return status >= 500 ? "Server Error" : "Status";
+    case 100:
+      return "Continue";
+    case 200:
+      return "OK";
+    case 202:
+      return "Accepted";
+    case 400:
+      return "Bad Request";
+    case 401:
+      return "Unauthorized";
+    case 404:
+      return "Not Found";
+    case 405:
+      return "Method Not Allowed";
+    case 409:
+      return "Conflict";
+    case 411:
+      return "Length Required";
+    case 413:
+      return "Payload Too Large";
+    case 431:
+      return "Request Header Fields Too Large";
+    default:
+      return status >= 500 ? "Server Error" : "Status";
   }
 }
 
@@ -106,9 +119,10 @@ bool sendAll(int fd, std::string_view data) {
 }
 
 bool sendReply(int fd, int status, std::string_view body, bool keepAlive) {
-  std::string out = fmt::format("HTTP/1.1 {} {}\r\nContent-Type: application/json\r\nContent-Length: {}\r\n"
-                                "Connection: {}\r\n\r\n",
-                                status, reason(status), body.size(), keepAlive ? "keep-alive" : "close");
+  std::string out = fmt::format(
+      "HTTP/1.1 {} {}\r\nContent-Type: application/json\r\nContent-Length: {}\r\n"
+      "Connection: {}\r\n\r\n",
+      status, reason(status), body.size(), keepAlive ? "keep-alive" : "close");
   out.append(body);
   return sendAll(fd, out);
 }
@@ -162,13 +176,19 @@ HeadResult readHead(int fd, std::string& buf, std::string& head) {
 
 }  // namespace
 
-UploadServer::UploadServer(std::string bindAddress, int port, UploadSessions& sessions, FaultTable& faults,
-                           bool quiet)
-    : bind_(std::move(bindAddress)), port_(port), sessions_(sessions), faults_(faults), quiet_(quiet) {}
+UploadServer::UploadServer(std::string bindAddress, int port, UploadSessions& sessions,
+                           FaultTable& faults, bool quiet)
+    : bind_(std::move(bindAddress)),
+      port_(port),
+      sessions_(sessions),
+      faults_(faults),
+      quiet_(quiet) {}
 
 UploadServer::~UploadServer() { stop(); }
 
-std::string UploadServer::baseUrl() const { return fmt::format("http://{}:{}", bind_, port_.load()); }
+std::string UploadServer::baseUrl() const {
+  return fmt::format("http://{}:{}", bind_, port_.load());
+}
 
 bool UploadServer::start(std::string* why) {
   if (up_) return true;
@@ -180,7 +200,9 @@ bool UploadServer::start(std::string* why) {
   addr.sin_port = htons(static_cast<uint16_t>(port_.load()));
   if (::inet_pton(AF_INET, bind_.c_str(), &addr.sin_addr) != 1 ||
       ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 64) != 0) {
-    if (why) *why = fmt::format("upload server cannot listen on {}:{}: {}", bind_, port_.load(), strerror(errno));
+    if (why)
+      *why = fmt::format("upload server cannot listen on {}:{}: {}", bind_, port_.load(),
+                         strerror(errno));
     ::close(fd);
     return false;
   }
@@ -255,63 +277,91 @@ void UploadServer::serve(Connection& conn) {
       if (!keepAlive) lingeringClose(fd);
     };
     [&] {
-      if (hr == HeadResult::TooLarge) return reply(431, errorBody(kBadRequest, "header too large"), false);
+      if (hr == HeadResult::TooLarge)
+        return reply(431, errorBody(kBadRequest, "header too large"), false);
       auto req = parseHead(head);
       if (!req) return reply(400, errorBody(kBadRequest, "malformed request"), false);
       if (req->method != "PUT") return reply(405, errorBody(kBadRequest, "only PUT"), false);
-      if (req->path != "/upload_part") return reply(404, errorBody(kNotFound, "no such path"), false);
+      if (req->path != "/upload_part")
+        return reply(404, errorBody(kNotFound, "no such path"), false);
       auto te = req->header("transfer-encoding");
       auto cl = req->header("content-length");
       auto length = cl ? parseNumber(*cl) : std::nullopt;
-      if (te || !length) return reply(411, errorBody(kBadRequest, "Content-Length required"), false);
+      if (te || !length)
+        return reply(411, errorBody(kBadRequest, "Content-Length required"), false);
       if (*length > kMaxPiece) return reply(413, errorBody(kBadRequest, "piece too large"), false);
       auto session = req->header("x-tb-upload-session");
       auto range = req->header("x-tb-upload-range");
       if (range) rangeText = *range;
       std::string id = session ? *session : "";
       if (auto f = faults_.take("piece")) {
-        if (f->delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(std::min(f->delayMs, 60000)));
+        if (f->delayMs > 0)
+          std::this_thread::sleep_for(std::chrono::milliseconds(std::min(f->delayMs, 60000)));
         switch (f->kind) {
-          case FaultKind::Delay: break;
-          case FaultKind::Reset: status = -1; keep = false; resetClose(fd); return;
-          case FaultKind::Drop: status = -1; keep = false; lingeringClose(fd); return;
+          case FaultKind::Delay:
+            break;
+          case FaultKind::Reset:
+            status = -1;
+            keep = false;
+            resetClose(fd);
+            return;
+          case FaultKind::Drop:
+            status = -1;
+            keep = false;
+            lingeringClose(fd);
+            return;
           case FaultKind::Expect409: {
-            uint64_t expect = f->expect >= 0 ? static_cast<uint64_t>(f->expect) : sessions_.currentOffset(id);
+            uint64_t expect =
+                f->expect >= 0 ? static_cast<uint64_t>(f->expect) : sessions_.currentOffset(id);
             return reply(409, fmt::format(R"({{"error_code":40900,"expect":{}}})", expect), false);
           }
-          case FaultKind::Done202: return reply(202, R"({"status_code":202})", false);
+          case FaultKind::Done202:
+            return reply(202, R"({"status_code":202})", false);
           case FaultKind::Status:
-            return reply(f->status, f->body.empty() ? errorBody(f->errorCode, f->message) : f->body, false);
-          case FaultKind::Body: return reply(f->status, f->body, false);
-          case FaultKind::NotJson: return reply(f->status, "<html>upload server trouble</html>", false);
+            return reply(f->status, f->body.empty() ? errorBody(f->errorCode, f->message) : f->body,
+                         false);
+          case FaultKind::Body:
+            return reply(f->status, f->body, false);
+          case FaultKind::NotJson:
+            return reply(f->status, "<html>upload server trouble</html>", false);
         }
       }
       auto dash = rangeText.find('-');
-      auto first = dash == std::string::npos ? std::nullopt : parseNumber(std::string_view(rangeText).substr(0, dash));
-      auto last = dash == std::string::npos ? std::nullopt : parseNumber(std::string_view(rangeText).substr(dash + 1));
+      auto first = dash == std::string::npos
+                       ? std::nullopt
+                       : parseNumber(std::string_view(rangeText).substr(0, dash));
+      auto last = dash == std::string::npos
+                      ? std::nullopt
+                      : parseNumber(std::string_view(rangeText).substr(dash + 1));
       if (!session || !first || !last || *last < *first || *last - *first + 1 != *length)
-        return reply(400, errorBody(kBadRequest, "bad x-tb-upload-session or x-tb-upload-range"), false);
+        return reply(400, errorBody(kBadRequest, "bad x-tb-upload-session or x-tb-upload-range"),
+                     false);
       std::unique_ptr<PieceWriter> writer;
       auto v = sessions_.beginPiece(port_, id, *first, *last, &writer);
       switch (v.kind) {
-        case PieceVerdict::UnknownSession: return reply(401, errorBody(40100, "unknown upload session"), false);
-        case PieceVerdict::BadRange: return reply(400, errorBody(kBadRequest, "range outside the file"), false);
+        case PieceVerdict::UnknownSession:
+          return reply(401, errorBody(40100, "unknown upload session"), false);
+        case PieceVerdict::BadRange:
+          return reply(400, errorBody(kBadRequest, "range outside the file"), false);
         case PieceVerdict::Complete:
           return reply(202, fmt::format(R"({{"status_code":202,"offset":{}}})", v.expect), false);
         case PieceVerdict::WrongOffset:
           return reply(409, fmt::format(R"({{"error_code":40900,"expect":{}}})", v.expect), false);
-        case PieceVerdict::Accept: break;
+        case PieceVerdict::Accept:
+          break;
       }
       auto expect = req->header("expect");
       if (expect && lower(*expect) == "100-continue") sendAll(fd, "HTTP/1.1 100 Continue\r\n\r\n");
       uint64_t left = *length;
       size_t take = static_cast<size_t>(std::min<uint64_t>(left, buf.size()));
-      if (take > 0 && !writer->write(buf.data(), take)) return reply(500, errorBody(kStorage, "write failed"), false);
+      if (take > 0 && !writer->write(buf.data(), take))
+        return reply(500, errorBody(kStorage, "write failed"), false);
       buf.erase(0, take);
       left -= take;
       std::vector<char> chunk(static_cast<size_t>(std::min<uint64_t>(left, kChunk)));
       while (left > 0) {
-        ssize_t n = ::recv(fd, chunk.data(), static_cast<size_t>(std::min<uint64_t>(left, chunk.size())), 0);
+        ssize_t n = ::recv(fd, chunk.data(),
+                           static_cast<size_t>(std::min<uint64_t>(left, chunk.size())), 0);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
           status = -1;
@@ -329,7 +379,8 @@ void UploadServer::serve(Connection& conn) {
       bool clientKeeps = !(connection && lower(*connection) == "close");
       reply(200, fmt::format(R"({{"status_code":200,"offset":{}}})", *offset), clientKeeps);
     }();
-    if (!quiet_) log("PUT /upload_part port={} range={} status={}", port_.load(), rangeText, status);
+    if (!quiet_)
+      log("PUT /upload_part port={} range={} status={}", port_.load(), rangeText, status);
   }
   std::lock_guard lock(connMutex_);
   ::close(fd);

@@ -26,7 +26,8 @@ namespace hvfp::hostd {
 
 class UploadServer {
  public:
-  UploadServer(std::string bindAddress, int port, UploadSessions& sessions, FaultTable& faults, bool quiet);
+  UploadServer(std::string bindAddress, int port, UploadSessions& sessions, FaultTable& faults,
+               bool quiet);
   ~UploadServer();
 
   // Listens on the port (0 picks a free one, kept for later restarts).

@@ -131,7 +131,8 @@ Result<OpenedSession> UploadSessions::open(int port, int64_t mountId, std::strin
       return OpenedSession{id, false, std::nullopt};
   }
   auto s = std::make_shared<Session>();
-  s->row = SessionRow{randomHex(16), port, mountId, std::string(uuid), std::string(fileHash), size, nowSeconds()};
+  s->row = SessionRow{randomHex(16),         port, mountId,     std::string(uuid),
+                      std::string(fileHash), size, nowSeconds()};
   s->partial = blobs_.partialDir() / s->row.id;
   s->hash.emplace();
   int fd = ::open(s->partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -164,11 +165,13 @@ Result<Item> UploadSessions::finish(int port, std::string_view id, uint64_t size
     if (s->busy) return fail(409, kIncomplete, "a piece is still being received");
     if (size != s->row.size) return fail(409, kHashMismatch, "filesize differs from the session's");
     if (s->offset != s->row.size)
-      return fail(409, kIncomplete, "the session holds " + std::to_string(s->offset) + " of " +
-                                        std::to_string(s->row.size) + " bytes");
+      return fail(409, kIncomplete,
+                  "the session holds " + std::to_string(s->offset) + " of " +
+                      std::to_string(s->row.size) + " bytes");
     s->busy = true;  // no piece and no second close while the digest is checked
   }
-  std::optional<std::string> digest = s->hash ? std::optional(s->hash->hex()) : sha1OfFile(s->partial);
+  std::optional<std::string> digest =
+      s->hash ? std::optional(s->hash->hex()) : sha1OfFile(s->partial);
   std::lock_guard lock(mutex_);
   s->busy = false;
   if (!digest) return fail(500, kStorage, "cannot read the session's file");
@@ -196,8 +199,8 @@ Result<bool> UploadSessions::abort(int port, std::string_view id) {
   return true;
 }
 
-PieceVerdict UploadSessions::beginPiece(int port, std::string_view id, uint64_t first, uint64_t last,
-                                        std::unique_ptr<PieceWriter>* writer) {
+PieceVerdict UploadSessions::beginPiece(int port, std::string_view id, uint64_t first,
+                                        uint64_t last, std::unique_ptr<PieceWriter>* writer) {
   std::lock_guard lock(mutex_);
   auto s = findLocked(port, id);
   if (!s) return {PieceVerdict::UnknownSession, 0};

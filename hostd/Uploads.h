@@ -31,7 +31,7 @@
 namespace hvfp::hostd {
 
 struct OpenedSession {
-  std::string id;    // empty when the contents were already stored (complete)
+  std::string id;  // empty when the contents were already stored (complete)
   bool complete = false;
   std::optional<Item> item;  // the created item when complete
 };
@@ -57,7 +57,8 @@ class PieceWriter {
  private:
   friend class UploadSessions;
   struct Session;
-  PieceWriter(UploadSessions& owner, std::shared_ptr<Session> session, uint64_t start, uint64_t length, int fd);
+  PieceWriter(UploadSessions& owner, std::shared_ptr<Session> session, uint64_t start,
+              uint64_t length, int fd);
 
   UploadSessions& owner_;
   std::shared_ptr<Session> session_;
@@ -80,8 +81,8 @@ class UploadSessions {
   // Takes back the sessions a previous run left open.
   void load();
 
-  Result<OpenedSession> open(int port, int64_t mountId, std::string_view uuid, std::string_view filename,
-                             std::string_view fileHash, uint64_t size);
+  Result<OpenedSession> open(int port, int64_t mountId, std::string_view uuid,
+                             std::string_view filename, std::string_view fileHash, uint64_t size);
   Result<uint64_t> offset(int port, std::string_view id);
   Result<Item> finish(int port, std::string_view id, uint64_t size);
   Result<bool> abort(int port, std::string_view id);

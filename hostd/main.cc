@@ -14,7 +14,8 @@
 namespace {
 
 std::filesystem::path defaultRoot() {
-  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) return std::filesystem::path(xdg) / "halvo-hostd";
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg)
+    return std::filesystem::path(xdg) / "halvo-hostd";
   const char* home = std::getenv("HOME");
   return std::filesystem::path(home ? home : ".") / ".local/share/halvo-hostd";
 }
@@ -44,7 +45,8 @@ int runHost(hvfp::hostd::HostConfig config) {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);  // every thread inherits the mask
   signal(SIGPIPE, SIG_IGN);
   if (!hvfp::hostd::isLoopbackAddress(config.bind)) {
-    std::cerr << "halvo-hostd: --bind " << config.bind << " refused: only loopback addresses (127.x.x.x) are served\n";
+    std::cerr << "halvo-hostd: --bind " << config.bind
+              << " refused: only loopback addresses (127.x.x.x) are served\n";
     return 2;
   }
   hvfp::hostd::Host host(std::move(config));
@@ -63,20 +65,30 @@ int runHost(hvfp::hostd::HostConfig config) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"halvo-hostd: reference host app for halvofp (query, upload, download and admin servers on loopback)"};
+  CLI::App app{
+      "halvo-hostd: reference host app for halvofp (query, upload, download and admin servers on "
+      "loopback)"};
   hvfp::hostd::HostConfig config;
   config.root = defaultRoot();
   std::string uploadPorts = "24755";
-  app.add_option("--root", config.root, "data folder: SQLite metadata and blobs")->capture_default_str();
-  app.add_option("--port", config.port, "host query port (0: any free port)")->capture_default_str();
-  app.add_option("--upload-ports", uploadPorts, "upload server ports, comma-separated (0: any free port)")
+  app.add_option("--root", config.root, "data folder: SQLite metadata and blobs")
       ->capture_default_str();
-  app.add_option("--download-port", config.downloadPort, "download server port")->capture_default_str();
-  app.add_option("--admin-port", config.adminPort, "admin endpoint port for ctl")->capture_default_str();
+  app.add_option("--port", config.port, "host query port (0: any free port)")
+      ->capture_default_str();
+  app.add_option("--upload-ports", uploadPorts,
+                 "upload server ports, comma-separated (0: any free port)")
+      ->capture_default_str();
+  app.add_option("--download-port", config.downloadPort, "download server port")
+      ->capture_default_str();
+  app.add_option("--admin-port", config.adminPort, "admin endpoint port for ctl")
+      ->capture_default_str();
   app.add_option("--bind", config.bind, "loopback address to listen on")->capture_default_str();
-  app.add_flag("--force-uris", config.forceUris, "answer downloads with \"uris\" even when the file is local");
+  app.add_flag("--force-uris", config.forceUris,
+               "answer downloads with \"uris\" even when the file is local");
   app.add_option("--seed", config.seed, "fill an empty store with sample content (\"sample\")");
-  app.add_flag("--no-bus", [&](int64_t) { config.useBus = false; }, "do not use the session bus (no host events)");
+  app.add_flag(
+      "--no-bus", [&](int64_t) { config.useBus = false; },
+      "do not use the session bus (no host events)");
   app.add_flag("--quiet", config.quiet, "no per-request log lines");
 
   hvfp::hostd::CtlOptions ctl;

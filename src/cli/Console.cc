@@ -38,7 +38,8 @@ class CollectingObserver final : public NSFileProviderEnumerationObserver,
 
  private:
   void append(std::vector<NSFileProviderItemRef>& batch) {
-    items.insert(items.end(), std::make_move_iterator(batch.begin()), std::make_move_iterator(batch.end()));
+    items.insert(items.end(), std::make_move_iterator(batch.begin()),
+                 std::make_move_iterator(batch.end()));
   }
 };
 
@@ -49,8 +50,10 @@ std::string portEvent(int64_t port) { return R"({"type":1,"port":)" + std::to_st
 Console::Console(ConsoleOptions options, std::ostream& out, std::ostream& err)
     : options_(std::move(options)), out_(out), err_(err) {
   setLogSink(options_.verbose ? LogSink::Stderr : LogSink::Silent);
-  extension_ = std::make_unique<FileProviderExtension>(NSFileProviderDomain{options_.domain, options_.domain});
-  if (options_.port) HalvoProviderClient::shareHalvoProviderClient().onRecvFromApp(portEvent(*options_.port));
+  extension_ = std::make_unique<FileProviderExtension>(
+      NSFileProviderDomain{options_.domain, options_.domain});
+  if (options_.port)
+    HalvoProviderClient::shareHalvoProviderClient().onRecvFromApp(portEvent(*options_.port));
 }
 
 Console::~Console() = default;
@@ -60,8 +63,8 @@ bool Console::hostAnswered(uint64_t before) {
   QueryOutcome outcome = SharedSession::lastOutcome();
   if (outcome.delivered) return true;
   auto& client = HalvoProviderClient::shareHalvoProviderClient();
-  err_ << "halvofp: no answer from the host at " << client.strHost() << ":" << client.nPort() << " ("
-       << outcome.failure << "); is halvo-hostd running?\n";
+  err_ << "halvofp: no answer from the host at " << client.strHost() << ":" << client.nPort()
+       << " (" << outcome.failure << "); is halvo-hostd running?\n";
   return false;
 }
 
@@ -88,10 +91,11 @@ int Console::stat(const std::string& identifier) {
   uint64_t before = SharedSession::queriesMade();
   NSFileProviderItemRef found;
   std::optional<Error> failure;
-  extension_->itemForIdentifier(identifier, {}, [&](NSFileProviderItemRef item, std::optional<Error> error) {
-    found = std::move(item);
-    failure = std::move(error);
-  });
+  extension_->itemForIdentifier(identifier, {},
+                                [&](NSFileProviderItemRef item, std::optional<Error> error) {
+                                  found = std::move(item);
+                                  failure = std::move(error);
+                                });
   if (!hostAnswered(before)) return 1;
   if (!found) {
     err_ << "halvofp: the host knows no item " << identifier;
@@ -99,15 +103,19 @@ int Console::stat(const std::string& identifier) {
     err_ << '\n';
     return 1;
   }
-  if (options_.json) out_ << itemJson(*found) << '\n';
-  else printDetails(out_, *found);
+  if (options_.json)
+    out_ << itemJson(*found) << '\n';
+  else
+    printDetails(out_, *found);
   return 0;
 }
 
 int Console::changes(const std::string& container, const std::optional<std::string>& anchor) {
   auto enumerator = extension_->enumeratorForContainerItemIdentifier(container, {}, nullptr);
   std::string from = anchor.value_or("");
-  if (!anchor) enumerator->currentSyncAnchorWithCompletionHandler([&](std::optional<std::string> a) { from = a.value_or(""); });
+  if (!anchor)
+    enumerator->currentSyncAnchorWithCompletionHandler(
+        [&](std::optional<std::string> a) { from = a.value_or(""); });
   CollectingObserver observer;
   uint64_t before = SharedSession::queriesMade();
   enumerator->enumerateChangesForObserver(observer, from);
@@ -115,7 +123,8 @@ int Console::changes(const std::string& container, const std::optional<std::stri
   if (!hostAnswered(before)) return 1;
   printItems(observer.items);
   if (!options_.json)
-    out_ << "finished at anchor " << observer.anchor << (observer.moreComing ? ", more coming" : "") << '\n';
+    out_ << "finished at anchor " << observer.anchor << (observer.moreComing ? ", more coming" : "")
+         << '\n';
   return 0;
 }
 
@@ -136,7 +145,8 @@ int Console::watch(const std::atomic<bool>& stop) {
   auto& client = HalvoProviderClient::shareHalvoProviderClient();
   auto manager = client.providerManager();
   if (!client.hearsHostEvents() || !manager) {
-    err_ << "halvofp: no session bus, so no host events to watch (is DBUS_SESSION_BUS_ADDRESS set?)\n";
+    err_ << "halvofp: no session bus, so no host events to watch (is DBUS_SESSION_BUS_ADDRESS "
+            "set?)\n";
     return 1;
   }
   // Signals arrive on the event listener's thread; the change reports run
@@ -158,17 +168,21 @@ int Console::watch(const std::atomic<bool>& stop) {
   std::map<std::string, std::shared_ptr<FileProviderEnumerator>> enumerators;
   while (!stop) {
     std::unique_lock lock(inbox->mutex);
-    inbox->wake.wait_for(lock, std::chrono::milliseconds(200), [&] { return !inbox->signalled.empty(); });
-    for (; !inbox->events.empty(); inbox->events.pop_front()) out_ << "event " << inbox->events.front() << '\n';
+    inbox->wake.wait_for(lock, std::chrono::milliseconds(200),
+                         [&] { return !inbox->signalled.empty(); });
+    for (; !inbox->events.empty(); inbox->events.pop_front())
+      out_ << "event " << inbox->events.front() << '\n';
     if (inbox->signalled.empty()) continue;
     std::string container = std::move(inbox->signalled.front());
     inbox->signalled.pop_front();
     lock.unlock();
     out_ << "signalled " << container << '\n';
     auto& enumerator = enumerators[container];
-    if (!enumerator) enumerator = extension_->enumeratorForContainerItemIdentifier(container, {}, nullptr);
+    if (!enumerator)
+      enumerator = extension_->enumeratorForContainerItemIdentifier(container, {}, nullptr);
     std::string anchor;
-    enumerator->currentSyncAnchorWithCompletionHandler([&](std::optional<std::string> a) { anchor = a.value_or(""); });
+    enumerator->currentSyncAnchorWithCompletionHandler(
+        [&](std::optional<std::string> a) { anchor = a.value_or(""); });
     CollectingObserver observer;
     uint64_t before = SharedSession::queriesMade();
     enumerator->enumerateChangesForObserver(observer, anchor);

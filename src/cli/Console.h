@@ -18,7 +18,7 @@
 namespace hvfp {
 class FileProviderExtension;
 class NSFileProviderItem;
-}
+}  // namespace hvfp
 
 namespace hvfp::cli {
 

@@ -1,7 +1,6 @@
 // halvofp: the provider on the command line. Each subcommand plays the
 // framework for one call against a running host app.
 #include <CLI/CLI.hpp>
-
 #include <atomic>
 #include <csignal>
 #include <iostream>
@@ -30,8 +29,9 @@ int main(int argc, char** argv) {
 
   std::string lsContainer = "NSFileProviderRootContainerItemIdentifier";
   auto* ls = app.add_subcommand("ls", "list a container's items (default: the top level)");
-  ls->add_option("ID", lsContainer,
-                 "container identifier: a mount id, MOUNT/HASH, or NSFileProvider...ContainerItemIdentifier");
+  ls->add_option(
+      "ID", lsContainer,
+      "container identifier: a mount id, MOUNT/HASH, or NSFileProvider...ContainerItemIdentifier");
 
   std::string statId;
   auto* stat = app.add_subcommand("stat", "look up one item and show every property");
@@ -41,7 +41,8 @@ int main(int argc, char** argv) {
   std::string anchor;
   auto* changes = app.add_subcommand("changes", "report a container's changes since a sync anchor");
   changes->add_option("ID", changesId, "container identifier")->required();
-  auto* anchorOption = changes->add_option("--anchor", anchor, "sync anchor to report from (default: a new one)");
+  auto* anchorOption =
+      changes->add_option("--anchor", anchor, "sync anchor to report from (default: a new one)");
 
   auto* watch = app.add_subcommand("watch", "print host events and the changes each one signals");
 
@@ -52,7 +53,8 @@ int main(int argc, char** argv) {
   if (*ls) return console.ls(lsContainer);
   if (*stat) return console.stat(statId);
   if (*changes)
-    return console.changes(changesId, anchorOption->count() ? std::optional<std::string>(anchor) : std::nullopt);
+    return console.changes(
+        changesId, anchorOption->count() ? std::optional<std::string>(anchor) : std::nullopt);
   if (*watch) {
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);

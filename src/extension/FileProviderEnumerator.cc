@@ -1,11 +1,10 @@
 #include "extension/FileProviderEnumerator.h"
 
-#include <unordered_map>
-#include <unordered_set>
-
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"

@@ -38,7 +38,9 @@ std::string HalvoProviderClient::syncRequestByArray(const QueryList& list) const
   return syncRequest(urlFor(list));
 }
 
-std::string HalvoProviderClient::syncRequest(const std::string& url) { return SharedSession::get(url); }
+std::string HalvoProviderClient::syncRequest(const std::string& url) {
+  return SharedSession::get(url);
+}
 
 AddFileInfoRef HalvoProviderClient::getAddFileInfo(const std::string& identifier) const {
   std::lock_guard lock(mLock);

@@ -18,10 +18,10 @@
 #include <vector>
 
 #include "hostlink/ItemIdentifier.h"
+#include "hostlink/QueryList.h"
 #include "platform/dispatch/OperationQueue.h"
 #include "platform/fileprovider/NSFileProviderManager.h"
 #include "platform/ipc/HostEvents.h"
-#include "hostlink/QueryList.h"
 #include "records/HVFileItem.h"
 #include "records/ReplyRecords.h"
 

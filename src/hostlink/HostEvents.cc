@@ -1,11 +1,12 @@
 // Start, host events and message-port notifications of the host client.
+#include "platform/ipc/HostEvents.h"
+
 #include <chrono>
 #include <thread>
 
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"
 #include "platform/ipc/DBusNames.h"
-#include "platform/ipc/HostEvents.h"
 #include "platform/ipc/MessagePort.h"
 
 namespace hvfp {
@@ -122,7 +123,8 @@ std::string HalvoProviderClient::sendDataMore(int64_t msgid, const std::string& 
       auto port = MessagePortRemote::create(dbus::kPortName);
       if (port) {
         log("sendData {}:{}", name, content);
-        reply = port->sendRequest(static_cast<int32_t>(msgid), content, kSendTimeout, kReceiveTimeout);
+        reply =
+            port->sendRequest(static_cast<int32_t>(msgid), content, kSendTimeout, kReceiveTimeout);
         if (!reply) log("sendData ret fail:{},error num {}", name, k);
       }
     }

@@ -28,10 +28,9 @@ ParsedIdentifier parseItemIdentifier(std::string_view identifier) {
 
 bool checkItemIndentifierRight(std::string_view identifier) {
   static constexpr std::string_view kProvisional = "__fp/";
-  auto it = std::search(identifier.begin(), identifier.end(), kProvisional.begin(),
-                        kProvisional.end(), [](char a, char b) {
-                          return std::tolower(static_cast<unsigned char>(a)) == b;
-                        });
+  auto it =
+      std::search(identifier.begin(), identifier.end(), kProvisional.begin(), kProvisional.end(),
+                  [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
   return it == identifier.end();
 }
 

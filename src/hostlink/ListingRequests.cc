@@ -83,7 +83,8 @@ HVFileItemRef HalvoProviderClient::getFileInfo(const std::string& identifier) co
   return getFileInfo(id.nMountID, id.strUuidHash);
 }
 
-RetOpenRef HalvoProviderClient::getDownloadInfo(int64_t mountId, const std::string& uuidhash) const {
+RetOpenRef HalvoProviderClient::getDownloadInfo(int64_t mountId,
+                                                const std::string& uuidhash) const {
   auto reply = objectFromJSONString(lookup(itemQuery("download", mountId, uuidhash)));
   if (!reply || !reply->isObject()) return nullptr;
   return initWithJson<RetOpen>(*reply);

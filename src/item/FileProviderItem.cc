@@ -59,7 +59,8 @@ void FileProviderItem::setDelete() {
 
 const std::optional<std::string>& FileProviderItem::evaluateParent() {
   static const std::optional<std::string> kNone;
-  if (mItem_ && isTrashed(*mItem_) && mParentItemIdentifier_ != NSFileProviderTrashContainerItemIdentifier)
+  if (mItem_ && isTrashed(*mItem_) &&
+      mParentItemIdentifier_ != NSFileProviderTrashContainerItemIdentifier)
     mParentItemIdentifier_ = std::string(NSFileProviderTrashContainerItemIdentifier);
   if (mParentItemIdentifier_ && !mParentItemIdentifier_->empty()) return mParentItemIdentifier_;
   if (!mItem_) return kNone;
@@ -96,8 +97,10 @@ void FileProviderItem::appendContentType(std::string& out) const {
   // The stored path, not the display name: a mount shown under a collision
   // name keeps the type of what it really is.
   std::string_view ext = pathExtensionView(mItem_->strWebPath.view());
-  if (ext.empty()) out.append(ContentType::data().identifier);
-  else ContentType::appendIdentifierForExtension(out, ext);
+  if (ext.empty())
+    out.append(ContentType::data().identifier);
+  else
+    ContentType::appendIdentifierForExtension(out, ext);
 }
 
 std::optional<NSFileProviderItemVersion> FileProviderItem::itemVersion() {
@@ -108,15 +111,21 @@ std::optional<NSFileProviderItemVersion> FileProviderItem::itemVersion() {
 }
 
 void FileProviderItem::appendContentVersion(std::string& out) const {
-  if (mItem_) mItem_->appendContentVersion(out);
-  else if (isContainerIdentifier(mItemIdentifier_)) out.append(mItemIdentifier_);
-  else out.append(kNullText);
+  if (mItem_)
+    mItem_->appendContentVersion(out);
+  else if (isContainerIdentifier(mItemIdentifier_))
+    out.append(mItemIdentifier_);
+  else
+    out.append(kNullText);
 }
 
 void FileProviderItem::appendFilename(std::string& out) const {
-  if (!mItem_) out.append(mItemIdentifier_);
-  else if (mItem_->strFileName.empty()) out.append(kNullText);
-  else out.append(mItem_->strFileName.view());
+  if (!mItem_)
+    out.append(mItemIdentifier_);
+  else if (mItem_->strFileName.empty())
+    out.append(kNullText);
+  else
+    out.append(mItem_->strFileName.view());
 }
 
 std::optional<uint64_t> FileProviderItem::childItemCount() {

@@ -26,8 +26,8 @@ struct LogState {
   std::condition_variable wake;     // the writer: lines are pending
   std::condition_variable drained;  // callers: the writer caught up
   LogSink sink = LogSink::Stderr;
-  std::string pending;              // newline-terminated lines
-  std::string spare;                // the writer's last buffer, kept for its capacity
+  std::string pending;  // newline-terminated lines
+  std::string spare;    // the writer's last buffer, kept for its capacity
   bool writing = false;
   bool writerStarted = false;
   std::vector<std::string> captured;
@@ -119,10 +119,14 @@ std::string_view oneLine(std::string_view line, std::string& scratch) {
   if (!has('\n') && !has('\r') && !has('\0')) return line;
   scratch.clear();
   for (char c : line) {
-    if (c == '\n') scratch += "\\n";
-    else if (c == '\r') scratch += "\\r";
-    else if (c == '\0') scratch += "\\0";
-    else scratch.push_back(c);
+    if (c == '\n')
+      scratch += "\\n";
+    else if (c == '\r')
+      scratch += "\\r";
+    else if (c == '\0')
+      scratch += "\\0";
+    else
+      scratch.push_back(c);
   }
   return scratch;
 }

@@ -20,10 +20,11 @@ std::optional<FileItemListing> readFileItemListing(std::string text);
 namespace {
 bool cpuHasIcelake() {
   static const bool has = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
-                          __builtin_cpu_supports("avx512cd") && __builtin_cpu_supports("avx512bw") &&
-                          __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi2") &&
-                          __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") &&
-                          __builtin_cpu_supports("pclmul");
+                          __builtin_cpu_supports("avx512cd") &&
+                          __builtin_cpu_supports("avx512bw") &&
+                          __builtin_cpu_supports("avx512vl") &&
+                          __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("avx2") &&
+                          __builtin_cpu_supports("bmi") && __builtin_cpu_supports("pclmul");
   return has;
 }
 bool cpuHasHaswell() {

@@ -156,7 +156,8 @@ error_code readEntry(od::value v, HVFileItem& record) {
     std::string_view key;
     if (auto e = fieldKey(field, key)) return e;
     auto slot = fileItemKeyOf(key);
-    if (auto e = slot ? readScalar(field.value(), slots[*slot], 3) : consume(field.value(), 3)) return e;
+    if (auto e = slot ? readScalar(field.value(), slots[*slot], 3) : consume(field.value(), 3))
+      return e;
   }
   record.fill(slots);
   return SUCCESS;
@@ -223,7 +224,8 @@ struct ListingBlock {
   }
 
   HVFileItem& add() {
-    if (count % ChunkPool::kRecords == 0) chunks.push_back(static_cast<HVFileItem*>(ChunkPool::take()));
+    if (count % ChunkPool::kRecords == 0)
+      chunks.push_back(static_cast<HVFileItem*>(ChunkPool::take()));
     return *new (chunks.back() + count++ % ChunkPool::kRecords) HVFileItem;
   }
   HVFileItem& at(size_t i) { return chunks[i / ChunkPool::kRecords][i % ChunkPool::kRecords]; }

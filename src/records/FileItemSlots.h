@@ -12,9 +12,28 @@
 namespace hvfp {
 
 enum class FileItemKey : uint8_t {
-  ErrorMsg, ErrorCode, StatusCode, Root, FileName, MountId, WebPath, Dir, FileHash, FileSize,
-  UuidHash, UpHash, LastTime, LastId, LastName, CreatorTime, Lock, LockId, Status, Property,
-  ChildCount, Count
+  ErrorMsg,
+  ErrorCode,
+  StatusCode,
+  Root,
+  FileName,
+  MountId,
+  WebPath,
+  Dir,
+  FileHash,
+  FileSize,
+  UuidHash,
+  UpHash,
+  LastTime,
+  LastId,
+  LastName,
+  CreatorTime,
+  Lock,
+  LockId,
+  Status,
+  Property,
+  ChildCount,
+  Count
 };
 
 std::optional<FileItemKey> fileItemKeyOf(std::string_view key);

@@ -12,27 +12,39 @@ std::optional<FileItemKey> fileItemKeyOf(std::string_view key) {
     return key == name ? std::optional<K>(k) : std::nullopt;
   };
   switch (key.size()) {
-    case 3: return is("dir", K::Dir);
-    case 4: return key[0] == 'r' ? is("root", K::Root) : is("lock", K::Lock);
+    case 3:
+      return is("dir", K::Dir);
+    case 4:
+      return key[0] == 'r' ? is("root", K::Root) : is("lock", K::Lock);
     case 6:
       if (key[0] == 's') return is("status", K::Status);
       return key[1] == 'a' ? is("lastid", K::LastId) : is("lockid", K::LockId);
-    case 7: return key[0] == 'w' ? is("webpath", K::WebPath) : is("up_hash", K::UpHash);
+    case 7:
+      return key[0] == 'w' ? is("webpath", K::WebPath) : is("up_hash", K::UpHash);
     case 8:
       switch (key[0]) {
         case 'f':
           if (key[4] == 'n') return is("filename", K::FileName);
           return key[4] == 'h' ? is("filehash", K::FileHash) : is("filesize", K::FileSize);
-        case 'm': return is("mount_id", K::MountId);
-        case 'u': return is("uuidhash", K::UuidHash);
-        case 'l': return key[4] == 't' ? is("lasttime", K::LastTime) : is("lastname", K::LastName);
-        case 'p': return is("property", K::Property);
-        default: return std::nullopt;
+        case 'm':
+          return is("mount_id", K::MountId);
+        case 'u':
+          return is("uuidhash", K::UuidHash);
+        case 'l':
+          return key[4] == 't' ? is("lasttime", K::LastTime) : is("lastname", K::LastName);
+        case 'p':
+          return is("property", K::Property);
+        default:
+          return std::nullopt;
       }
-    case 9: return is("error_msg", K::ErrorMsg);
-    case 10: return key[0] == 'e' ? is("error_code", K::ErrorCode) : is("childcount", K::ChildCount);
-    case 11: return key[0] == 's' ? is("status_code", K::StatusCode) : is("creatortime", K::CreatorTime);
-    default: return std::nullopt;
+    case 9:
+      return is("error_msg", K::ErrorMsg);
+    case 10:
+      return key[0] == 'e' ? is("error_code", K::ErrorCode) : is("childcount", K::ChildCount);
+    case 11:
+      return key[0] == 's' ? is("status_code", K::StatusCode) : is("creatortime", K::CreatorTime);
+    default:
+      return std::nullopt;
   }
 }
 

@@ -27,7 +27,9 @@ struct HVFileItem : RequestRet {
   // A record from a listing borrows its texts from the listing's reply; a
   // moved-out record may outlive that, so moving copies like copying does.
   HVFileItem(HVFileItem&& other) : HVFileItem(static_cast<const HVFileItem&>(other)) {}
-  HVFileItem& operator=(HVFileItem&& other) { return *this = static_cast<const HVFileItem&>(other); }
+  HVFileItem& operator=(HVFileItem&& other) {
+    return *this = static_cast<const HVFileItem&>(other);
+  }
 
   bool bRoot = false;  // a mount root, shown at the top level
   NullableString strFileName = "";
@@ -54,7 +56,7 @@ struct HVFileItem : RequestRet {
   // The same rules over values gathered by the streaming listing parser.
   void fill(const FileItemSlots& slots);
 
-  std::string contentVersion() const;   // {"filehash":..,"filesize":..}
+  std::string contentVersion() const;  // {"filehash":..,"filesize":..}
   void appendContentVersion(std::string& out) const;
   std::string metadataVersion() const;  // {"delete":..,"hash":..,"property":..,"status":..}
   uint64_t capabilities() const;        // 67 for a mount root, else 127

@@ -62,7 +62,9 @@ std::optional<JsonValue> objectFromJSONString(std::string_view text) {
   return convert(root);
 }
 
-std::optional<JsonValue> objectFromJSONData(std::string_view bytes) { return objectFromJSONString(bytes); }
+std::optional<JsonValue> objectFromJSONData(std::string_view bytes) {
+  return objectFromJSONString(bytes);
+}
 
 void appendJsonString(std::string& out, std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
@@ -74,14 +76,30 @@ void appendJsonString(std::string& out, std::string_view text) {
     out.append(text.data() + run, i - run);
     run = i + 1;
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '/': out += "\\/"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '/':
+        out += "\\/";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         out += "\\u00";
         out.push_back(kHex[c >> 4]);
@@ -119,15 +137,19 @@ void JsonWriter::separate() {
   size_t level = depth_ - 1;
   bool first = level < 64 ? (firstBits_ >> level) & 1 : deeper_[level - 64];
   if (!first) out_.push_back(',');
-  if (level < 64) firstBits_ &= ~(uint64_t{1} << level);
-  else deeper_[level - 64] = false;
+  if (level < 64)
+    firstBits_ &= ~(uint64_t{1} << level);
+  else
+    deeper_[level - 64] = false;
 }
 
 void JsonWriter::open(char bracket) {
   separate();
   out_.push_back(bracket);
-  if (depth_ < 64) firstBits_ |= uint64_t{1} << depth_;
-  else deeper_.push_back(true);
+  if (depth_ < 64)
+    firstBits_ |= uint64_t{1} << depth_;
+  else
+    deeper_.push_back(true);
   ++depth_;
 }
 

@@ -31,8 +31,8 @@ using JsonObject = std::map<std::string, JsonValue, std::less<>>;
 
 class JsonValue {
  public:
-  using Storage =
-      std::variant<std::nullptr_t, bool, int64_t, uint64_t, double, std::string, JsonArray, JsonObject>;
+  using Storage = std::variant<std::nullptr_t, bool, int64_t, uint64_t, double, std::string,
+                               JsonArray, JsonObject>;
 
   JsonValue() : v_(nullptr) {}
   JsonValue(std::nullptr_t) : v_(nullptr) {}

@@ -50,12 +50,18 @@ JsonScalar JsonScalar::of(const JsonValue* v) {
 
 int64_t integerReading(const JsonScalar& v) {
   switch (v.kind) {
-    case JsonScalar::Kind::Bool: return v.b ? 1 : 0;
-    case JsonScalar::Kind::Int: return v.i;
-    case JsonScalar::Kind::UInt: return static_cast<int64_t>(v.u);
-    case JsonScalar::Kind::Double: return truncateDouble(v.d);
-    case JsonScalar::Kind::String: return integerValue(v.s);
-    default: return 0;
+    case JsonScalar::Kind::Bool:
+      return v.b ? 1 : 0;
+    case JsonScalar::Kind::Int:
+      return v.i;
+    case JsonScalar::Kind::UInt:
+      return static_cast<int64_t>(v.u);
+    case JsonScalar::Kind::Double:
+      return truncateDouble(v.d);
+    case JsonScalar::Kind::String:
+      return integerValue(v.s);
+    default:
+      return 0;
   }
 }
 

@@ -27,8 +27,10 @@ class NullableString {
   NullableString(const char* text) { assign(std::string_view(text)); }
   NullableString(const std::string& text) { assign(text); }
   NullableString(const std::optional<std::string>& text) {
-    if (text) assign(*text);
-    else setNull();
+    if (text)
+      assign(*text);
+    else
+      setNull();
   }
   NullableString(const NullableString& other) { copyFrom(other); }
   NullableString(NullableString&& other) noexcept { stealFrom(other); }
@@ -93,7 +95,9 @@ class NullableString {
   friend bool operator==(const NullableString& a, std::string_view b) {
     return a.has_value() && a.view() == b;
   }
-  friend bool operator==(const NullableString& a, const char* b) { return a == std::string_view(b); }
+  friend bool operator==(const NullableString& a, const char* b) {
+    return a == std::string_view(b);
+  }
   friend bool operator==(const NullableString& a, const std::string& b) {
     return a == std::string_view(b);
   }
@@ -136,8 +140,10 @@ class NullableString {
     setExternal(ptr, text.size(), kOwned);
   }
   void copyFrom(const NullableString& other) {
-    if (other.has_value()) assign(other.view());
-    else setNull();
+    if (other.has_value())
+      assign(other.view());
+    else
+      setNull();
   }
   // Takes the other's storage as it is (borrowed stays borrowed) and leaves
   // the other null.

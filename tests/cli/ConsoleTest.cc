@@ -46,39 +46,52 @@ TEST_F(CliConsole, ListsMountsAsATableWithCollisionNames) {
 }
 
 TEST_F(CliConsole, JsonHasEveryPropertyByName) {
-  server.enqueue({200, R"({"list":[{"filename":"a.pdf","mount_id":3,"uuidhash":"h1","webpath":"d/a.pdf",)"
-                       R"("filehash":"f","filesize":1536,"status":0,"lasttime":1700000000,"creatortime":0}],"lasttime":9})"});
+  server.enqueue(
+      {200,
+       R"({"list":[{"filename":"a.pdf","mount_id":3,"uuidhash":"h1","webpath":"d/a.pdf",)"
+       R"("filehash":"f","filesize":1536,"status":0,"lasttime":1700000000,"creatortime":0}],"lasttime":9})"});
   ConsoleOptions options;
   options.json = true;
   EXPECT_EQ(run([](Console& c) { return c.ls("3/d"); }, options), 0);
   EXPECT_EQ(server.queries(), std::vector<std::string>{"type=files&uuidhash=d&mount_id=3"});
-  EXPECT_EQ(out.str(),
-            R"({"capabilities":127,"childItemCount":null,"contentModificationDate":1700000000,)"
-            R"("contentType":"com.adobe.pdf","creationDate":0,"documentSize":1536,"filename":"a.pdf",)"
-            R"("itemIdentifier":"3\/h1","itemVersion":{"contentVersion":"{\"filehash\":\"f\",\"filesize\":1536}",)"
-            R"("metadataVersion":"{\"delete\":0,\"hash\":\"h1\",\"status\":0}"},)"
-            R"("lastUsedDate":1700000000,"parentItemIdentifier":"3\/d"})"
-            "\n");
+  EXPECT_EQ(
+      out.str(),
+      R"({"capabilities":127,"childItemCount":null,"contentModificationDate":1700000000,)"
+      R"("contentType":"com.adobe.pdf","creationDate":0,"documentSize":1536,"filename":"a.pdf",)"
+      R"("itemIdentifier":"3\/h1","itemVersion":{"contentVersion":"{\"filehash\":\"f\",\"filesize\":1536}",)"
+      R"("metadataVersion":"{\"delete\":0,\"hash\":\"h1\",\"status\":0}"},)"
+      R"("lastUsedDate":1700000000,"parentItemIdentifier":"3\/d"})"
+      "\n");
 }
 
 TEST_F(CliConsole, NoHostIsAnErrorNotAnEmptyTable) {
   int deadPort;
-  { LoopbackServer gone; deadPort = gone.port(); }
+  {
+    LoopbackServer gone;
+    deadPort = gone.port();
+  }
   ConsoleOptions options;
   options.port = deadPort;
-  EXPECT_EQ(run([](Console& c) { return c.ls("NSFileProviderRootContainerItemIdentifier"); }, options), 1);
+  EXPECT_EQ(
+      run([](Console& c) { return c.ls("NSFileProviderRootContainerItemIdentifier"); }, options),
+      1);
   EXPECT_EQ(out.str(), "");
-  EXPECT_NE(err.str().find("no answer from the host at http://127.0.0.1:" + std::to_string(deadPort)),
-            std::string::npos)
+  EXPECT_NE(
+      err.str().find("no answer from the host at http://127.0.0.1:" + std::to_string(deadPort)),
+      std::string::npos)
       << err.str();
 }
 
 TEST_F(CliConsole, ContainersNeedNoHost) {
   ConsoleOptions options;
   options.port = 1;  // nothing listens there
-  EXPECT_EQ(run([](Console& c) { return c.ls("NSFileProviderWorkingSetContainerItemIdentifier"); }, options), 0);
+  EXPECT_EQ(run([](Console& c) { return c.ls("NSFileProviderWorkingSetContainerItemIdentifier"); },
+                options),
+            0);
   EXPECT_EQ(out.str(), "NAME  IDENTIFIER  KIND  SIZE  MODIFIED\n");
-  EXPECT_EQ(run([](Console& c) { return c.stat("NSFileProviderTrashContainerItemIdentifier"); }, options), 0);
+  EXPECT_EQ(
+      run([](Console& c) { return c.stat("NSFileProviderTrashContainerItemIdentifier"); }, options),
+      0);
   EXPECT_NE(out.str().find("capabilities:            63"), std::string::npos);
 }
 
@@ -89,14 +102,19 @@ TEST_F(CliConsole, StatOfAnUnknownItem) {
 }
 
 TEST_F(CliConsole, ChangesReportsFromTheGivenAnchor) {
-  server.enqueue({200, R"({"list":[{"filename":"x","mount_id":3,"uuidhash":"h","status":7}],"lasttime":42})"});
-  EXPECT_EQ(run([](Console& c) { return c.changes("NSFileProviderWorkingSetContainerItemIdentifier", "17"); }), 0);
+  server.enqueue(
+      {200, R"({"list":[{"filename":"x","mount_id":3,"uuidhash":"h","status":7}],"lasttime":42})"});
+  EXPECT_EQ(run([](Console& c) {
+              return c.changes("NSFileProviderWorkingSetContainerItemIdentifier", "17");
+            }),
+            0);
   EXPECT_EQ(server.queries(), std::vector<std::string>{"type=changefiles&lasttime=0"});
   EXPECT_NE(out.str().find("finished at anchor 17\n"), std::string::npos) << out.str();
 }
 
 TEST_F(CliConsole, ControlCharactersInNamesNeverReachTheTerminal) {
-  server.enqueue({200, R"({"list":[{"filename":"evil\u001b[2Jname\n","mount_id":3,"uuidhash":"h"}]})"});
+  server.enqueue(
+      {200, R"({"list":[{"filename":"evil\u001b[2Jname\n","mount_id":3,"uuidhash":"h"}]})"});
   EXPECT_EQ(run([](Console& c) { return c.ls("3"); }), 0);
   EXPECT_NE(out.str().find("evil?[2Jname?"), std::string::npos) << out.str();
   EXPECT_EQ(out.str().find('\x1b'), std::string::npos);

@@ -61,7 +61,8 @@ TEST_F(EnumeratorListing, EqualLastTimesKeepTheHostsOrder) {
 TEST_F(EnumeratorListing, ThousandsOfEqualNamesAreNumberedInOrder) {
   constexpr size_t kMounts = 20000;
   Lines entries;
-  for (size_t id = 1; id <= kMounts; ++id) entries.push_back(mount(id, "Docs", static_cast<int>(id)));
+  for (size_t id = 1; id <= kMounts; ++id)
+    entries.push_back(mount(id, "Docs", static_cast<int>(id)));
   server.enqueue({200, list(entries)});
   setLogSink(LogSink::Silent);
   auto names = listing(kRoot).names();

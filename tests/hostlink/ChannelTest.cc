@@ -107,8 +107,13 @@ TEST_F(HostlinkChannel, FailuresGiveEmptyTextAndSayWhy) {
   EXPECT_EQ(SharedSession::lastOutcome().failure, "reply is not UTF-8");
 
   int port = server.port();
-  { LoopbackServer gone; port = gone.port(); }
-  EXPECT_EQ(client().syncRequest("http://127.0.0.1:" + std::to_string(port) + "/provider?type=links"), "");
+  {
+    LoopbackServer gone;
+    port = gone.port();
+  }
+  EXPECT_EQ(
+      client().syncRequest("http://127.0.0.1:" + std::to_string(port) + "/provider?type=links"),
+      "");
   EXPECT_FALSE(SharedSession::lastOutcome().delivered);
   EXPECT_FALSE(SharedSession::lastOutcome().failure.empty());
 }

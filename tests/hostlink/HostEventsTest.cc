@@ -53,7 +53,8 @@ TEST_F(HostlinkEvents, PortReadings) {
   client.onRecvFromApp(R"({"type":1})");
   EXPECT_EQ(client.nPort(), 0);
   client.setNPort(9);
-  for (auto ignored : {R"({"type":3})", R"({"port":1})", R"({"type":null,"port":1})", "[1]", "not json"})
+  for (auto ignored :
+       {R"({"type":3})", R"({"port":1})", R"({"type":null,"port":1})", "[1]", "not json"})
     client.onRecvFromApp(std::string(ignored));
   EXPECT_EQ(client.nPort(), 9);
 }
@@ -63,9 +64,11 @@ TEST_F(HostlinkEvents, ChangeEventsSignalTheirContainer) {
       {R"({"type":2,"mountid":12,"hash":"ab34"})", "12/ab34"},
       {R"({"type":2,"mountid":12})", "12"},
       {R"({"type":2})", std::string(NSFileProviderRootContainerItemIdentifier)},
-      {R"({"type":2,"mountid":0,"hash":"ab"})", std::string(NSFileProviderRootContainerItemIdentifier)},
+      {R"({"type":2,"mountid":0,"hash":"ab"})",
+       std::string(NSFileProviderRootContainerItemIdentifier)},
       {R"({"type":2,"mountid":"7","hash":5})", "7"},
-      {R"({"type":"2","mountid":"x","hash":"h"})", std::string(NSFileProviderRootContainerItemIdentifier)},
+      {R"({"type":"2","mountid":"x","hash":"h"})",
+       std::string(NSFileProviderRootContainerItemIdentifier)},
   };
   for (const auto& [event, container] : cases) {
     client.onRecvFromApp(std::string(event));
@@ -78,8 +81,8 @@ TEST_F(HostlinkEvents, LogLines) {
   takeCapturedLog();
   client.onRecvFromApp(std::nullopt);
   client.onRecvFromApp(std::string(R"({"type":3})"));
-  EXPECT_EQ(takeCapturedLog(),
-            (std::vector<std::string>{"onRecvFromApp error for str", R"(onRecvFromApp {"type":3})"}));
+  EXPECT_EQ(takeCapturedLog(), (std::vector<std::string>{"onRecvFromApp error for str",
+                                                         R"(onRecvFromApp {"type":3})"}));
 }
 
 TEST(HostlinkMessagePortNames, Table) {
@@ -129,7 +132,8 @@ TEST_F(HostlinkOverBus, MessagePortRetriesUntilTheHostListens) {
   std::unique_ptr<MessagePortServer> late;
   std::thread starter([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    late = MessagePortServer::start(dbus::kPortName, [](int32_t, const std::string&) { return std::string("ok"); });
+    late = MessagePortServer::start(dbus::kPortName,
+                                    [](int32_t, const std::string&) { return std::string("ok"); });
   });
   std::string reply = client.sendData(1, "x");
   starter.join();
@@ -147,8 +151,9 @@ TEST_F(HostlinkOverBus, MessagePortRoundTrip) {
   EXPECT_EQ(client.sendData(13, "文件"), R"({"status_code":200})");
   ASSERT_EQ(received.size(), 1u);
   EXPECT_EQ(received[0], (std::pair<int32_t, std::string>{13, "文件"}));
-  EXPECT_EQ(takeCapturedLog(), (std::vector<std::string>{"sendData MessagePort_ChangeFile:文件",
-                                                         R"(sendData ret:MessagePort_ChangeFile,{"status_code":200})"}));
+  EXPECT_EQ(takeCapturedLog(), (std::vector<std::string>{
+                                   "sendData MessagePort_ChangeFile:文件",
+                                   R"(sendData ret:MessagePort_ChangeFile,{"status_code":200})"}));
 }
 
 }  // namespace

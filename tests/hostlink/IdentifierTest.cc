@@ -29,7 +29,8 @@ TEST(HostlinkIdentifier, ParseSplitsAtFirstSlash) {
 }
 
 TEST(HostlinkIdentifier, ProvisionalIdentifiersAreRefused) {
-  for (auto id : {"__fp/fs/42", "x__fp/y", "__FP/1", "__fP/a"}) EXPECT_FALSE(checkItemIndentifierRight(id)) << id;
+  for (auto id : {"__fp/fs/42", "x__fp/y", "__FP/1", "__fP/a"})
+    EXPECT_FALSE(checkItemIndentifierRight(id)) << id;
   for (auto id : {"fp/1", "__fp", "12/ab", ""}) EXPECT_TRUE(checkItemIndentifierRight(id)) << id;
 }
 

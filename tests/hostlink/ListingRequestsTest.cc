@@ -21,7 +21,9 @@ class HostlinkListing : public ::testing::Test {
 };
 
 TEST_F(HostlinkListing, FolderListingKeepsOrderAndTakesCursor) {
-  server.enqueue({200, R"({"list":[{"filename":"b","uuidhash":"2"},{"filename":"a","uuidhash":"1"}],"lasttime":1700000000})"});
+  server.enqueue(
+      {200,
+       R"({"list":[{"filename":"b","uuidhash":"2"},{"filename":"a","uuidhash":"1"}],"lasttime":1700000000})"});
   uint64_t cursor = 7;
   auto records = client.getFiles("12/ab34", cursor);
   EXPECT_EQ(onlyQuery(), "type=files&uuidhash=ab34&mount_id=12");

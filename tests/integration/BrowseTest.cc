@@ -34,7 +34,9 @@ struct Collector : NSFileProviderEnumerationObserver, NSFileProviderChangeObserv
   void finishEnumeratingUpToPage(std::optional<std::string>) override {}
   void didUpdateItems(std::vector<NSFileProviderItemRef> b) override { items = std::move(b); }
   void didDeleteItemsWithIdentifiers(std::vector<std::string>) override {}
-  void finishEnumeratingChangesUpToSyncAnchor(std::string a, bool) override { anchor = std::move(a); }
+  void finishEnumeratingChangesUpToSyncAnchor(std::string a, bool) override {
+    anchor = std::move(a);
+  }
   void finishEnumeratingWithError(const Error&) override {}
 
   std::vector<std::string> names() {
@@ -60,7 +62,8 @@ class IntegrationBrowse : public ::testing::Test {
     ASSERT_GT(host, 0);
     ASSERT_TRUE(readQueryPort()) << "halvo-hostd did not start; see " << (root / "hostd.log");
     setLogSink(LogSink::Silent);
-    extension = std::make_unique<FileProviderExtension>(NSFileProviderDomain{"integration", "Integration"});
+    extension =
+        std::make_unique<FileProviderExtension>(NSFileProviderDomain{"integration", "Integration"});
     auto& client = HalvoProviderClient::shareHalvoProviderClient();
     client.onRecvFromApp(R"({"type":1,"port":)" + std::to_string(queryPort) + "}");
     signals.attach(*client.providerManager());
@@ -98,7 +101,8 @@ class IntegrationBrowse : public ::testing::Test {
 
   Collector list(const std::string& container) {
     Collector c;
-    extension->enumeratorForContainerItemIdentifier(container, {}, nullptr)->enumerateItemsForObserver(c, "");
+    extension->enumeratorForContainerItemIdentifier(container, {}, nullptr)
+        ->enumerateItemsForObserver(c, "");
     return c;
   }
 
@@ -128,7 +132,8 @@ TEST_F(IntegrationBrowse, SampleCloudShowsMountsWithDisplayNames) {
 
   Collector trash = list(std::string(NSFileProviderTrashContainerItemIdentifier));
   ASSERT_FALSE(trash.items.empty());
-  EXPECT_EQ(trash.items[0]->parentItemIdentifier(), std::string(NSFileProviderTrashContainerItemIdentifier));
+  EXPECT_EQ(trash.items[0]->parentItemIdentifier(),
+            std::string(NSFileProviderTrashContainerItemIdentifier));
 }
 
 TEST_F(IntegrationBrowse, ChangeFromAnotherDeviceSignalsTheFolderAndShowsInItsReport) {
@@ -147,7 +152,9 @@ TEST_F(IntegrationBrowse, ChangeFromAnotherDeviceSignalsTheFolderAndShowsInItsRe
   EXPECT_EQ(changes.anchor, "7");
 
   Collector delta;
-  extension->enumeratorForContainerItemIdentifier(std::string(NSFileProviderWorkingSetContainerItemIdentifier), {}, nullptr)
+  extension
+      ->enumeratorForContainerItemIdentifier(
+          std::string(NSFileProviderWorkingSetContainerItemIdentifier), {}, nullptr)
       ->enumerateChangesForObserver(delta, "1");
   names = delta.names();
   EXPECT_NE(std::find(names.begin(), names.end(), "From elsewhere"), names.end());

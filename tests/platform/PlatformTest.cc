@@ -127,7 +127,8 @@ TEST(PlatformManager, OneManagerPerDomainAndItsTemporaryDirectory) {
   std::vector<std::string> signalled;
   bool completed = false;
   a->setSignalHandler([&](const std::string& id) { signalled.push_back(id); });
-  a->signalEnumeratorForContainerItemIdentifier("12/ab", [&](std::optional<Error> e) { completed = !e; });
+  a->signalEnumeratorForContainerItemIdentifier("12/ab",
+                                                [&](std::optional<Error> e) { completed = !e; });
   EXPECT_EQ(signalled, std::vector<std::string>{"12/ab"});
   EXPECT_TRUE(completed);
   std::filesystem::remove_all(dir);

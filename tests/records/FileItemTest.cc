@@ -45,14 +45,16 @@ TEST(RecordsFileItem, FolderAndRootFlags) {
     EXPECT_TRUE(fromJson(std::string(R"({"dir":)") + dir + "}").bDir) << dir;
     EXPECT_TRUE(fromJson(std::string(R"({"root":)") + dir + "}").bRoot) << dir;
   }
-  for (auto dir : {"0", "-1", "false", R"("x")"}) EXPECT_FALSE(fromJson(std::string(R"({"dir":)") + dir + "}").bDir);
+  for (auto dir : {"0", "-1", "false", R"("x")"})
+    EXPECT_FALSE(fromJson(std::string(R"({"dir":)") + dir + "}").bDir);
   EXPECT_FALSE(fromJson("{}").bDir);
 }
 
 TEST(RecordsFileItem, ChildCountOnlyForFolders) {
   EXPECT_EQ(fromJson(R"({"childcount":5})").nChildItemCount, 0);
   EXPECT_EQ(fromJson(R"({"dir":1,"childcount":5})").nChildItemCount, 5);
-  EXPECT_EQ(fromJson(R"({"childcount":5,"dir":1})").nChildItemCount, 5);  // order of keys is not order of reading
+  EXPECT_EQ(fromJson(R"({"childcount":5,"dir":1})").nChildItemCount,
+            5);  // order of keys is not order of reading
 }
 
 TEST(RecordsFileItem, SizesFromTextsAndFractions) {
@@ -152,9 +154,9 @@ TEST(RecordsFileItemListing, ReplyShapes) {
   EXPECT_FALSE(read(""));
   EXPECT_FALSE(read("null"));
   EXPECT_FALSE(read("[]"));
-  EXPECT_FALSE(read(R"({"list":[{"a":1}],"lasttime":5)"));   // truncated
+  EXPECT_FALSE(read(R"({"list":[{"a":1}],"lasttime":5)"));  // truncated
   EXPECT_FALSE(read(R"({"list":[{"a":1}]} trailing)"));
-  EXPECT_FALSE(read(R"({"list":[],"x":[tru]})"));             // invalid where nobody looks
+  EXPECT_FALSE(read(R"({"list":[],"x":[tru]})"));  // invalid where nobody looks
   EXPECT_FALSE(read(R"({"list":[],"x":"bad \q escape"})"));
 
   auto errorOnly = read(R"({"error_code":5})");

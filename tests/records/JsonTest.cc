@@ -47,7 +47,8 @@ TEST(RecordsJsonWrite, KeepsUtf8AndRefusesScalarsAndNonFinite) {
 }
 
 TEST(RecordsJsonWrite, ParsedTextWritesBackByteIdentical) {
-  std::string text = R"({"a":{"b":[1,2,{"c":"d\/e"}]},"n":-9223372036854775808,"u":18446744073709551615})";
+  std::string text =
+      R"({"a":{"b":[1,2,{"c":"d\/e"}]},"n":-9223372036854775808,"u":18446744073709551615})";
   EXPECT_EQ(*JSONString(parse(text)), text);
 }
 

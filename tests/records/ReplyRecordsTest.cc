@@ -68,7 +68,8 @@ TEST(RecordsReplies, StatusWordsAtThirtyTwoBits) {
 }
 
 TEST(RecordsReplies, DeleteNoticeKeys) {
-  auto info = make<ProviderDeleteInfo>(R"({"hash":"h","uphash":"u","up_hash":"no","mount_id":"3"})");
+  auto info =
+      make<ProviderDeleteInfo>(R"({"hash":"h","uphash":"u","up_hash":"no","mount_id":"3"})");
   EXPECT_EQ(info->strUpHash, "u");
   EXPECT_EQ(info->nMountID, 3);
 }

@@ -213,13 +213,16 @@ void LoopbackServer::serve(int fd) {
     if (!readHead(fd, buffer, head)) break;
     RecordedRequest request = parseHead(head);
     size_t length = 0;
-    if (auto cl = request.header("Content-Length")) length = std::strtoull(cl->c_str(), nullptr, 10);
+    if (auto cl = request.header("Content-Length"))
+      length = std::strtoull(cl->c_str(), nullptr, 10);
     if (!readBody(fd, buffer, length, request.body)) break;
     ScriptedReply reply = replyFor(request);
     if (reply.delay.count() > 0) std::this_thread::sleep_for(reply.delay);
     if (reply.drop) break;
     std::string out = statusLine(reply.status);
-    out += "Content-Type: application/json\r\nContent-Length: " + std::to_string(reply.body.size()) + "\r\n";
+    out +=
+        "Content-Type: application/json\r\nContent-Length: " + std::to_string(reply.body.size()) +
+        "\r\n";
     for (const auto& [k, v] : reply.headers) out += k + ": " + v + "\r\n";
     out += "\r\n";
     out += reply.body;

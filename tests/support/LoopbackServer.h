@@ -38,7 +38,8 @@ struct RecordedRequest {
 
 struct ScriptedReply {
   ScriptedReply() = default;
-  ScriptedReply(int status, std::string body, std::chrono::milliseconds delay = {}, bool drop = false)
+  ScriptedReply(int status, std::string body, std::chrono::milliseconds delay = {},
+                bool drop = false)
       : status(status), body(std::move(body)), delay(delay), drop(drop) {}
   static ScriptedReply dropped() { return ScriptedReply(0, "", {}, true); }
 

@@ -10,7 +10,8 @@ namespace {
 
 std::filesystem::path cacheHome() {
   if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg && *xdg == '/') return xdg;
-  if (const char* home = std::getenv("HOME"); home && *home) return std::filesystem::path(home) / ".cache";
+  if (const char* home = std::getenv("HOME"); home && *home)
+    return std::filesystem::path(home) / ".cache";
   return std::filesystem::temp_directory_path();
 }
 
@@ -37,14 +38,16 @@ std::optional<std::string> NSFileProviderManager::temporaryDirectoryURLWithError
   std::error_code ec;
   std::filesystem::create_directories(dir, ec);
   if (ec) {
-    if (error) *error = Error{"NSCocoaErrorDomain", 513, {{"path", dir.string()}, {"reason", ec.message()}}};
+    if (error)
+      *error = Error{"NSCocoaErrorDomain", 513, {{"path", dir.string()}, {"reason", ec.message()}}};
     return std::nullopt;
   }
   return dir.string();
 }
 
 void NSFileProviderManager::signalEnumeratorForContainerItemIdentifier(
-    const std::string& containerIdentifier, std::function<void(std::optional<Error>)> completionHandler) {
+    const std::string& containerIdentifier,
+    std::function<void(std::optional<Error>)> completionHandler) {
   SignalHandler handler;
   {
     std::lock_guard lock(mutex_);

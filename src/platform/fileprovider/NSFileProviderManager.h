@@ -24,7 +24,8 @@ class NSFileProviderManager {
 
   // Empty for a domain without an identifier, or one that cannot name a
   // folder ("/", "..").
-  static std::shared_ptr<NSFileProviderManager> managerForDomain(const NSFileProviderDomain& domain);
+  static std::shared_ptr<NSFileProviderManager> managerForDomain(
+      const NSFileProviderDomain& domain);
 
   const NSFileProviderDomain& domain() const { return domain_; }
 

@@ -1,16 +1,15 @@
 #include "platform/http/SharedSession.h"
 
-#include "platform/http/ReplyBuffers.h"
-
 #include <curl/curl.h>
 #include <simdjson.h>
 
 #include <memory>
 #include <mutex>
 
+#include "platform/http/ReplyBuffers.h"
+
 namespace hvfp {
 namespace {
-
 
 struct Sink {
   CURL* curl = nullptr;
