@@ -118,11 +118,22 @@ Result<std::string> BlobStore::ingest(const fs::path& source, std::string_view e
   Sha1 h;
   std::vector<char> buf(kChunk);
   bool good = true;
+  // No more than the size the file had when opened: a file that keeps
+  // growing (or a /proc file that reports 0 and never ends) must not fill
+  // the store's disk.
+  const auto limit = static_cast<uint64_t>(st.st_size);
+  uint64_t done = 0;
+  bool grew = false;
   for (;;) {
     ssize_t n = ::read(in, buf.data(), buf.size());
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       good = n == 0;
+      break;
+    }
+    done += static_cast<uint64_t>(n);
+    if (done > limit) {
+      grew = true;
       break;
     }
     h.update(buf.data(), static_cast<size_t>(n));
@@ -134,6 +145,10 @@ Result<std::string> BlobStore::ingest(const fs::path& source, std::string_view e
   ::close(in);
   ::close(out);
   std::error_code ec;
+  if (grew) {
+    fs::remove(tmp, ec);
+    return fail(400, kBadRequest, "path holds more than its size says");
+  }
   if (!good) {
     fs::remove(tmp, ec);
     return storageFailure("copy failed");

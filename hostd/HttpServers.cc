@@ -37,6 +37,18 @@ void sendReply(const Reply& r, httplib::Response& res) {
 
 Listener::Listener(std::unique_ptr<httplib::Server> server) : server_(std::move(server)) {}
 
+namespace {
+
+// Every endpoint takes GET queries; a body is never needed, and without a
+// limit the library would read any size of one into memory first.
+std::unique_ptr<httplib::Server> makeServer() {
+  auto server = std::make_unique<httplib::Server>();
+  server->set_payload_max_length(64 * 1024);
+  return server;
+}
+
+}  // namespace
+
 Listener::~Listener() { stop(); }
 
 bool Listener::start(const std::string& bind, int port, std::string* why) {
@@ -67,7 +79,7 @@ QueryServer::QueryServer(std::string bind, QueryHandler& handler, bool quiet)
 QueryServer::~QueryServer() { stop(); }
 
 std::unique_ptr<Listener> QueryServer::make() {
-  auto server = std::make_unique<httplib::Server>();
+  auto server = makeServer();
   server->Get("/provider", [this](const httplib::Request& req, httplib::Response& res) {
     Params params = toParams(req);
     Reply r = handler_.handle(params);
@@ -124,7 +136,7 @@ DownloadServer::DownloadServer(std::string bind, BlobStore& blobs, FaultTable& f
 DownloadServer::~DownloadServer() { stop(); }
 
 bool DownloadServer::start(int port, std::string* why) {
-  auto server = std::make_unique<httplib::Server>();
+  auto server = makeServer();
   server->Get(
       R"(/blob/([0-9a-f]{40}))", [this](const httplib::Request& req, httplib::Response& res) {
         std::string hash = req.matches[1];
@@ -184,7 +196,7 @@ AdminServer::AdminServer(std::string bind, AdminCommand command, bool quiet)
 AdminServer::~AdminServer() { stop(); }
 
 bool AdminServer::start(int port, std::string* why) {
-  auto server = std::make_unique<httplib::Server>();
+  auto server = makeServer();
   server->Get(R"(/ctl/([a-z0-9-]+))", [this](const httplib::Request& req, httplib::Response& res) {
     std::string cmd = req.matches[1];
     Reply r = command_(cmd, toParams(req));

@@ -1,5 +1,7 @@
 #include "UploadServer.h"
 
+#include <system_error>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -21,6 +23,7 @@ constexpr size_t kMaxHead = 16 * 1024;
 constexpr size_t kChunk = 1 << 20;
 constexpr uint64_t kMaxPiece = 256ull << 20;
 constexpr int kIdleSeconds = 60;
+constexpr size_t kMaxConnections = 64;
 
 struct Request {
   std::string method;
@@ -247,17 +250,34 @@ void UploadServer::acceptLoop() {
       reap(false);
       continue;
     }
+    reap(false);  // finished connections must not count against the limit below
     int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) continue;
+    if (fd < 0) {
+      // Out of descriptors: the listener stays readable, so pause rather
+      // than spin until a connection ends.
+      if (errno == EMFILE || errno == ENFILE) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      continue;
+    }
     timeval tv{kIdleSeconds, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    std::lock_guard lock(connMutex_);
+    // One thread per connection, so their number is bounded: a client
+    // holding many idle connections must not exhaust the host's threads.
+    if (conns_.size() >= kMaxConnections) {
+      ::close(fd);
+      continue;
+    }
     auto conn = std::make_unique<Connection>();
     conn->fd = fd;
     Connection* raw = conn.get();
-    std::lock_guard lock(connMutex_);
+    try {
+      raw->thread = std::thread([this, raw] { serve(*raw); });
+    } catch (const std::system_error&) {
+      ::close(fd);
+      continue;
+    }
     conns_.push_back(std::move(conn));
-    raw->thread = std::thread([this, raw] { serve(*raw); });
   }
 }
 

@@ -174,6 +174,9 @@ Result<Item> UploadSessions::finish(int port, std::string_view id, uint64_t size
       s->hash ? std::optional(s->hash->hex()) : sha1OfFile(s->partial);
   std::lock_guard lock(mutex_);
   s->busy = false;
+  // An abort or the expiry may have ended the session while its digest was
+  // being taken: to the client that is a session it no longer has.
+  if (s->dead) return unknownSession();
   if (!digest) return fail(500, kStorage, "cannot read the session's file");
   if (*digest != s->row.fileHash) {
     dropLocked(s->row.id);
@@ -184,7 +187,10 @@ Result<Item> UploadSessions::finish(int port, std::string_view id, uint64_t size
   auto adopted = blobs_.adopt(s->partial, *digest);
   if (!adopted.ok()) return adopted.failure();
   auto item = store_.commitFile(*r);
-  if (!item.ok()) return item;
+  if (!item.ok()) {
+    dropLocked(s->row.id);  // its file is already a blob; a retry cannot succeed
+    return item;
+  }
   s->dead = true;
   store_.dropSession(s->row.id);
   sessions_.erase(s->row.id);
@@ -195,6 +201,7 @@ Result<bool> UploadSessions::abort(int port, std::string_view id) {
   std::lock_guard lock(mutex_);
   auto s = findLocked(port, id);
   if (!s) return unknownSession();
+  if (s->busy) return fail(409, kIncomplete, "a piece or a close is in progress");
   dropLocked(s->row.id);
   return true;
 }
