@@ -182,6 +182,8 @@ TEST_F(HostdQueries, AddcacheTakesMatchingFilesOnlyAndSyncRecordsFollowTheirQuer
   EXPECT_EQ(intOf(addcache(src.string(), "cache me"), "status_code"), 200);
   EXPECT_TRUE(host_->blobs().has(sha1Hex("cache me")));
   EXPECT_NE(intOf(addcache("/tmp", "x"), "status_code"), 200);
+  // Reports size 0 and never ends: refused at once, nothing copied.
+  EXPECT_EQ(intOf(addcache("/proc/self/pagemap", "x"), "status_code"), 400);
   std::filesystem::remove(src);
 
   EXPECT_EQ(intOf(query(item("updatestatus", readme_, "&status=3")), "status_code"), 200);
