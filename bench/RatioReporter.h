@@ -1,6 +1,7 @@
-// Keeps Google Benchmark's console table and sums each benchmark's wall time
-// per function name, so a program can print "ratio <name> <ours/reference>"
-// from the means after RunSpecifiedBenchmarks returns.
+// Keeps Google Benchmark's console table and each round's wall time per
+// function name, so a program can print "ratio <name> <ours/reference>" from
+// the median rounds after RunSpecifiedBenchmarks returns. The median, not the
+// mean: on a 2-core machine one disturbed round would otherwise decide.
 //
 // Threads: Google Benchmark calls the reporter from the thread that runs
 // RunSpecifiedBenchmarks; read the means from that thread once it has returned.
@@ -9,6 +10,7 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <string>
@@ -25,24 +27,23 @@ class RatioReporter : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(runs);
     for (const auto& run : runs) {
       if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      auto& total = totals_[run.run_name.function_name];
-      total.seconds += run.real_accumulated_time;
-      total.iterations += static_cast<double>(run.iterations);
+      if (run.iterations == 0) continue;
+      rounds_[run.run_name.function_name].push_back(run.real_accumulated_time /
+                                                    static_cast<double>(run.iterations));
     }
   }
 
-  std::optional<double> meanSeconds(const std::string& name) const {
-    auto it = totals_.find(name);
-    if (it == totals_.end() || it->second.iterations == 0) return std::nullopt;
-    return it->second.seconds / it->second.iterations;
+  // Seconds per iteration of the median round.
+  std::optional<double> medianSeconds(const std::string& name) const {
+    auto it = rounds_.find(name);
+    if (it == rounds_.end() || it->second.empty()) return std::nullopt;
+    std::vector<double> sorted = it->second;
+    std::sort(sorted.begin(), sorted.end());
+    return sorted[sorted.size() / 2];
   }
 
  private:
-  struct Total {
-    double seconds = 0;
-    double iterations = 0;
-  };
-  std::map<std::string, Total> totals_;
+  std::map<std::string, std::vector<double>> rounds_;
 };
 
 }  // namespace hvfp::bench

@@ -39,7 +39,7 @@
 namespace {
 
 constexpr int kEntries = 100000;
-constexpr int kRounds = 5;
+constexpr int kRounds = 9;
 constexpr int kLookupThreads = 8;
 constexpr int kLookupsPerThread = 400;
 constexpr const char* kOurs = "enumerate_100k/FileProviderEnumerator";
@@ -314,11 +314,11 @@ int main(int argc, char** argv) {
   ::waitpid(host->pid, nullptr, 0);
   if (!dir.empty()) std::system(("rm -rf '" + dir + "'").c_str());
 
-  const auto ours = reporter.meanSeconds(kOurs);
-  const auto silent = reporter.meanSeconds(kOursSilent);
-  const auto reference = reporter.meanSeconds(kReference);
-  const auto lookupOurs = reporter.meanSeconds(kLookupOurs);
-  const auto lookupBare = reporter.meanSeconds(kLookupBare);
+  const auto ours = reporter.medianSeconds(kOurs);
+  const auto silent = reporter.medianSeconds(kOursSilent);
+  const auto reference = reporter.medianSeconds(kReference);
+  const auto lookupOurs = reporter.medianSeconds(kLookupOurs);
+  const auto lookupBare = reporter.medianSeconds(kLookupBare);
   if (!ours || !silent || !reference || !lookupOurs || !lookupBare || !peak) {
     std::fprintf(stderr, "no ratio: a side did not run\n");
     return 1;

@@ -140,8 +140,8 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
-  const auto oursMean = reporter.meanSeconds(kOurs);
-  const auto referenceMean = reporter.meanSeconds(kReference);
+  const auto oursMean = reporter.medianSeconds(kOurs);
+  const auto referenceMean = reporter.medianSeconds(kReference);
   if (!oursMean || !referenceMean || *referenceMean <= 0) {
     std::fprintf(stderr, "no ratio: a side did not run\n");
     return 1;
