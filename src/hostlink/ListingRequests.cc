@@ -39,6 +39,18 @@ std::string HalvoProviderClient::lookup(const QueryList& list) const {
   return reply;
 }
 
+namespace {
+
+// One record from a lookup reply; none when the reply is not a JSON object.
+template <typename Record>
+std::shared_ptr<Record> recordFrom(const std::string& reply) {
+  auto parsed = objectFromJSONString(reply);
+  if (!parsed || !parsed->isObject()) return nullptr;
+  return initWithJson<Record>(*parsed);
+}
+
+}  // namespace
+
 std::vector<HVFileItemRef> HalvoProviderClient::getLinks() const {
   auto records = listing(typeQuery("links"), nullptr);
   for (auto& record : records) {
@@ -72,9 +84,7 @@ std::vector<HVFileItemRef> HalvoProviderClient::getChangeFiles(uint64_t& lasttim
 }
 
 HVFileItemRef HalvoProviderClient::getFileInfo(int64_t mountId, const std::string& uuidhash) const {
-  auto reply = objectFromJSONString(lookup(itemQuery("fileinfo", mountId, uuidhash)));
-  if (!reply || !reply->isObject()) return nullptr;
-  return initWithJson<HVFileItem>(*reply);
+  return recordFrom<HVFileItem>(lookup(itemQuery("fileinfo", mountId, uuidhash)));
 }
 
 HVFileItemRef HalvoProviderClient::getFileInfo(const std::string& identifier) const {
@@ -85,9 +95,7 @@ HVFileItemRef HalvoProviderClient::getFileInfo(const std::string& identifier) co
 
 RetOpenRef HalvoProviderClient::getDownloadInfo(int64_t mountId,
                                                 const std::string& uuidhash) const {
-  auto reply = objectFromJSONString(lookup(itemQuery("download", mountId, uuidhash)));
-  if (!reply || !reply->isObject()) return nullptr;
-  return initWithJson<RetOpen>(*reply);
+  return recordFrom<RetOpen>(lookup(itemQuery("download", mountId, uuidhash)));
 }
 
 RetOpenRef HalvoProviderClient::getDownloadInfo(const std::string& identifier) const {
