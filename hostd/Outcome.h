@@ -1,13 +1,15 @@
-// Failure values shared by the host's modules: every refusal the host sends
-// to a client carries an HTTP-like status, a nonzero error code and a text.
-// Plain values; any thread.
+// The error codes of the host's replies. Every refusal the host sends to a
+// client carries an HTTP-like status, one of these codes and a text: a
+// hvfp::Failure (platform/Result.h). Plain values; any thread.
 #pragma once
 
-#include <optional>
-#include <string>
-#include <utility>
+#include "platform/Result.h"
 
 namespace hvfp::hostd {
+
+using hvfp::fail;
+using hvfp::Failure;
+using hvfp::Result;
 
 // Error codes of the host's replies. Stable numbers: clients match on them.
 enum ErrorCode : int {
@@ -28,32 +30,5 @@ enum ErrorCode : int {
   kIncomplete = 15,      // close of a session that has not received every byte
   kInjected = 99,        // a fault injected through ctl without a code of its own
 };
-
-struct Failure {
-  int status = 400;
-  int code = kBadRequest;
-  std::string message;
-};
-
-template <typename T>
-class Result {
- public:
-  Result(T value) : value_(std::move(value)) {}
-  Result(Failure f) : failure_(std::move(f)) {}
-  bool ok() const { return value_.has_value(); }
-  T& value() { return *value_; }
-  const T& value() const { return *value_; }
-  T* operator->() { return &*value_; }
-  const T* operator->() const { return &*value_; }
-  const Failure& failure() const { return failure_; }
-
- private:
-  std::optional<T> value_;
-  Failure failure_;
-};
-
-inline Failure fail(int status, int code, std::string message) {
-  return Failure{status, code, std::move(message)};
-}
 
 }  // namespace hvfp::hostd
