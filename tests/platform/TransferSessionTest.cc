@@ -70,6 +70,7 @@ struct TempDir {
 // GET  /short/N/M      announces N bytes, sends M, closes
 // GET  /gated/N/M      announces N, sends M, waits for openGate(), sends the rest
 // PUT  /upload_part    reads the body, answers 201 with a JSON body
+// PUT  /gated/upload_part   the same once openGate() was called
 // PUT  /early/close    answers 409 from the head and closes at once, unread body and all
 // PUT  /early/linger   the same, but half-closes and discards the body before closing
 class WireServer {
@@ -215,7 +216,8 @@ class WireServer {
         n.push_back(std::stoul(request.target.substr(pos + 1)));
     const std::string& t = request.target;
     // Written down before the answer, so a client that has its answer finds it.
-    if (t == "/upload_part") {
+    if (t == "/upload_part" || t == "/gated/upload_part") {
+      if (t.starts_with("/gated/")) waitForGate();
       bool whole = readBody(fd, buffer, request);
       record(request);
       return whole && reply(fd, 201, kReply201);
@@ -554,29 +556,6 @@ TEST(TransferDownload, InvalidateAndCancelEndsEveryTask) {
   server.openGate();
 }
 
-TEST(TransferDownload, SuspendedTaskTakesNoBytesAndResumesWhereItWas) {
-  WireServer server;
-  Harness h;
-  const size_t size = 6 * 1024 * 1024;
-  auto task = h.download(server.url("/gated/" + std::to_string(size) + "/1000000"));
-  ASSERT_TRUE(h.recorder->waitForProgress(task->taskIdentifier()));
-  task->suspend();
-  engineBarrier(server);
-  int64_t held = task->countOfBytesReceived();
-  server.openGate();  // the rest of the body is on its way
-  engineBarrier(server);
-  engineBarrier(server);
-  EXPECT_EQ(task->countOfBytesReceived(), held);
-  EXPECT_EQ(task->state(), TransferTask::State::Suspended);
-  task->resume();
-  ASSERT_TRUE(h.recorder->waitForCompletions(1));
-  TaskLog log = h.recorder->log(task->taskIdentifier());
-  EXPECT_FALSE(log.completion->error);
-  EXPECT_TRUE(log.file == pattern(size));
-  EXPECT_EQ(log.sha1AtFinish, sha1Hex(pattern(size)));
-  EXPECT_TRUE(log.totalsAddUp);
-}
-
 // ---- uploads -----------------------------------------------------------------
 
 struct BodyFile {
@@ -680,6 +659,50 @@ TEST(TransferUpload, UnreadableBodyFileFails) {
 }
 
 // ---- the engine --------------------------------------------------------------
+
+// Suspended, a task moves no bytes even once its peer is ready; resumed, it
+// ends with every byte in place.
+TEST(TransferEngine, SuspendedTaskMovesNoBytesAndResumesWhereItWas) {
+  const size_t size = 8 * 1024 * 1024;
+  BodyFile file(size);
+  for (bool upload : {false, true}) {
+    SCOPED_TRACE(upload ? "upload" : "download");
+    WireServer server;
+    Harness h;
+    auto task =
+        upload ? h.session->uploadTaskWithRequest(
+                     pieceRequest(server.url("/gated/upload_part"), 0, size), {file.path, 0, size})
+               : h.session->downloadTaskWithRequest(
+                     {server.url(fmt::format("/gated/{}/1000000", size))}, {.computeSHA1 = true});
+    auto moved = [&] { return upload ? task->countOfBytesSent() : task->countOfBytesReceived(); };
+    task->resume();
+    ASSERT_TRUE(h.recorder->waitForProgress(task->taskIdentifier()));
+    task->suspend();
+    engineBarrier(server);
+    int64_t held = moved();
+    server.openGate();  // from now on the peer takes or sends the rest
+    engineBarrier(server);
+    engineBarrier(server);
+    EXPECT_EQ(moved(), held);
+    EXPECT_LT(held, static_cast<int64_t>(size));
+    EXPECT_EQ(task->state(), TransferTask::State::Suspended);
+
+    task->resume();
+    ASSERT_TRUE(h.recorder->waitForCompletions(1));
+    TaskLog log = h.recorder->log(task->taskIdentifier());
+    EXPECT_FALSE(log.completion->error);
+    EXPECT_TRUE(log.totalsAddUp);
+    EXPECT_EQ(log.progressSum, static_cast<int64_t>(size));
+    if (upload) {
+      auto requests = server.requests();
+      EXPECT_TRUE(requests.back().body == file.bytes);
+      EXPECT_EQ(log.completion->response->statusCode, 201);
+    } else {
+      EXPECT_TRUE(log.file == pattern(size));
+      EXPECT_EQ(log.sha1AtFinish, sha1Hex(pattern(size)));
+    }
+  }
+}
 
 TEST(TransferEngine, KeepsTheConnectionFromOneTaskToTheNext) {
   WireServer server;

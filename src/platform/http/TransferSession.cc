@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <system_error>
+#include <utility>
 
 namespace hvfp {
 
@@ -119,23 +120,30 @@ void TransferTask::transferDidReceiveResponse(const TransferResponse& response) 
   if (isDownload()) expectedToReceive_ = response.expectedContentLength;
 }
 
-void TransferTask::queueProgressLocked() {
-  if (progressQueued_) return;
-  progressQueued_ = true;
+// Called without the task's lock: the delegate queue may drop its last hold
+// on a task while it holds its own lock, so the two are never taken the other
+// way round.
+void TransferTask::queueProgress() {
   session_->queue_.async(
       [self = shared_from_this()] { self->deliverProgress(self->session_->delegate().get()); });
 }
 
 void TransferTask::transferDidReceiveBytes(int64_t totalReceived) {
-  MutexLock lock(mutex_);
-  received_ = totalReceived;
-  queueProgressLocked();
+  {
+    MutexLock lock(mutex_);
+    received_ = totalReceived;
+    if (std::exchange(progressQueued_, true)) return;
+  }
+  queueProgress();
 }
 
 void TransferTask::transferDidSendBytes(int64_t totalSent) {
-  MutexLock lock(mutex_);
-  sent_ = totalSent;
-  queueProgressLocked();
+  {
+    MutexLock lock(mutex_);
+    sent_ = totalSent;
+    if (std::exchange(progressQueued_, true)) return;
+  }
+  queueProgress();
 }
 
 void TransferTask::deliverProgress(TransferSessionDelegate* delegate) {

@@ -113,7 +113,7 @@ class TransferTask : public std::enable_shared_from_this<TransferTask>,
   void deliverCompletion(detail::TransferOutcome& outcome);
 
   void send(detail::TransferCommand command);
-  void queueProgressLocked() REQUIRES(mutex_);
+  void queueProgress();
 
   const std::shared_ptr<TransferSession> session_;
   const uint64_t identifier_;
