@@ -36,6 +36,7 @@ MainQueue::MainQueue() : state_(new State) {
       } catch (...) {
         log("main queue block ended by exception");
       }
+      block = nullptr;  // what it captured is released outside the lock
       lock.lock();
     }
   }).detach();
