@@ -142,7 +142,7 @@ class CountingObserver : public hvfp::NSFileProviderEnumerationObserver {
 
 bool enumerateOnce(const Host& host) {
   client().setNPort(host.listingPort);
-  hvfp::FileProviderEnumerator enumerator("3/folderhash", 2);
+  hvfp::FileProviderEnumerator enumerator(client(), "3/folderhash", 2);
   CountingObserver observer;
   enumerator.enumerateItemsForObserver(observer, "");
   return observer.count == kEntries && observer.batches == 1 && observer.finished;
@@ -286,8 +286,7 @@ int main(int argc, char** argv) {
   const std::string dir = privateEnvironment();
   if (::isatty(STDERR_FILENO))
     std::fprintf(stderr, "note: each listing logs 100000 lines; send stderr to /dev/null\n");
-  hvfp::FileProviderExtension extension(hvfp::NSFileProviderDomain{"bench", "Bench"});
-  client().setStrHost("http://127.0.0.1");
+  hvfp::FileProviderExtension extension(client(), hvfp::NSFileProviderDomain{"bench", "Bench"});
 
   const auto peak = peakOverReply(*host);
   BareGet referenceGet;

@@ -4,16 +4,14 @@
 #include <condition_variable>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <ostream>
-#include <thread>
 
 #include "cli/ItemFormat.h"
 #include "extension/FileProviderEnumerator.h"
 #include "extension/FileProviderExtension.h"
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"
-#include "platform/http/SharedSession.h"
+#include "platform/ThreadAnnotations.h"
 
 namespace hvfp::cli {
 namespace {
@@ -47,23 +45,22 @@ std::string portEvent(int64_t port) { return R"({"type":1,"port":)" + std::to_st
 
 }  // namespace
 
-Console::Console(ConsoleOptions options, std::ostream& out, std::ostream& err)
-    : options_(std::move(options)), out_(out), err_(err) {
-  setLogSink(options_.verbose ? LogSink::Stderr : LogSink::Silent);
+Console::Console(HalvoProviderClient& client, ConsoleOptions options, std::ostream& out,
+                 std::ostream& err)
+    : client_(client), options_(std::move(options)), out_(out), err_(err) {
   extension_ = std::make_unique<FileProviderExtension>(
-      NSFileProviderDomain{options_.domain, options_.domain});
-  if (options_.port)
-    HalvoProviderClient::shareHalvoProviderClient().onRecvFromApp(portEvent(*options_.port));
+      client_, NSFileProviderDomain{options_.domain, options_.domain});
+  if (options_.port) client_.onRecvFromApp(portEvent(*options_.port));
 }
 
 Console::~Console() = default;
 
+uint64_t Console::queriesSoFar() const { return client_.lastOutcome().number; }
+
 bool Console::hostAnswered(uint64_t before) {
-  if (SharedSession::queriesMade() == before) return true;  // nothing was asked
-  QueryOutcome outcome = SharedSession::lastOutcome();
-  if (outcome.delivered) return true;
-  auto& client = HalvoProviderClient::shareHalvoProviderClient();
-  err_ << "halvofp: no answer from the host at " << client.strHost() << ":" << client.nPort()
+  QueryOutcome outcome = client_.lastOutcome();
+  if (outcome.number == before || outcome.delivered) return true;
+  err_ << "halvofp: no answer from the host at " << client_.strHost() << ":" << client_.nPort()
        << " (" << outcome.failure << "); is halvo-hostd running?\n";
   return false;
 }
@@ -79,7 +76,7 @@ void Console::printItems(const std::vector<NSFileProviderItemRef>& items) {
 int Console::ls(const std::string& container) {
   auto enumerator = extension_->enumeratorForContainerItemIdentifier(container, {}, nullptr);
   CollectingObserver observer;
-  uint64_t before = SharedSession::queriesMade();
+  uint64_t before = queriesSoFar();
   enumerator->enumerateItemsForObserver(observer, "");
   enumerator->invalidate();
   if (!hostAnswered(before)) return 1;
@@ -88,7 +85,7 @@ int Console::ls(const std::string& container) {
 }
 
 int Console::stat(const std::string& identifier) {
-  uint64_t before = SharedSession::queriesMade();
+  uint64_t before = queriesSoFar();
   NSFileProviderItemRef found;
   std::optional<Error> failure;
   extension_->itemForIdentifier(identifier, {},
@@ -117,7 +114,7 @@ int Console::changes(const std::string& container, const std::optional<std::stri
     enumerator->currentSyncAnchorWithCompletionHandler(
         [&](std::optional<std::string> a) { from = a.value_or(""); });
   CollectingObserver observer;
-  uint64_t before = SharedSession::queriesMade();
+  uint64_t before = queriesSoFar();
   enumerator->enumerateChangesForObserver(observer, from);
   enumerator->invalidate();
   if (!hostAnswered(before)) return 1;
@@ -130,52 +127,32 @@ int Console::changes(const std::string& container, const std::optional<std::stri
 
 namespace {
 
-// What host events hand to the watch loop. Shared with the handlers, which
-// may still be running on the listener's thread when the loop has ended.
+// Host events, handed from the listener's thread to the watch loop.
 struct WatchInbox {
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::deque<std::string> signalled;
-  std::deque<std::string> events;
+  Mutex mutex;
+  std::condition_variable_any wake;
+  std::deque<HostEvent> events GUARDED_BY(mutex);
 };
 
 }  // namespace
 
 int Console::watch(const std::atomic<bool>& stop) {
-  auto& client = HalvoProviderClient::shareHalvoProviderClient();
-  auto manager = client.providerManager();
-  if (!client.hearsHostEvents() || !manager) {
+  if (!client_.hearsHostEvents() || !client_.providerManager()) {
     err_ << "halvofp: no session bus, so no host events to watch (is DBUS_SESSION_BUS_ADDRESS "
             "set?)\n";
     return 1;
   }
-  // Signals arrive on the event listener's thread; the change reports run
+  // Events arrive on the event listener's thread; the change reports run
   // here, as the framework would run them after a signal.
-  auto inbox = std::make_shared<WatchInbox>();
-  setLogCallback([inbox](std::string_view line) {
-    constexpr std::string_view kEvent = "onRecvFromApp ";
-    if (line.substr(0, kEvent.size()) != kEvent) return;
-    std::lock_guard lock(inbox->mutex);
-    inbox->events.emplace_back(line.substr(kEvent.size()));
-  });
-  setLogSink(LogSink::Callback);
-  manager->setSignalHandler([inbox](const std::string& container) {
-    std::lock_guard lock(inbox->mutex);
-    inbox->signalled.push_back(container);
-    inbox->wake.notify_one();
+  WatchInbox inbox;
+  client_.setEventTap([&inbox](const HostEvent& event) {
+    MutexLock lock(inbox.mutex);
+    inbox.events.push_back(event);
+    inbox.wake.notify_one();
   });
   err_ << "watching host events; Ctrl-C to stop\n";
   std::map<std::string, std::shared_ptr<FileProviderEnumerator>> enumerators;
-  while (!stop) {
-    std::unique_lock lock(inbox->mutex);
-    inbox->wake.wait_for(lock, std::chrono::milliseconds(200),
-                         [&] { return !inbox->signalled.empty(); });
-    for (; !inbox->events.empty(); inbox->events.pop_front())
-      out_ << "event " << inbox->events.front() << '\n';
-    if (inbox->signalled.empty()) continue;
-    std::string container = std::move(inbox->signalled.front());
-    inbox->signalled.pop_front();
-    lock.unlock();
+  auto report = [&](const std::string& container) {
     out_ << "signalled " << container << '\n';
     auto& enumerator = enumerators[container];
     if (!enumerator)
@@ -184,14 +161,24 @@ int Console::watch(const std::atomic<bool>& stop) {
     enumerator->currentSyncAnchorWithCompletionHandler(
         [&](std::optional<std::string> a) { anchor = a.value_or(""); });
     CollectingObserver observer;
-    uint64_t before = SharedSession::queriesMade();
+    uint64_t before = queriesSoFar();
     enumerator->enumerateChangesForObserver(observer, anchor);
     if (hostAnswered(before)) printItems(observer.items);
+  };
+  while (!stop) {
+    MutexLock lock(inbox.mutex);
+    if (inbox.events.empty()) {
+      inbox.wake.wait_for(lock, std::chrono::milliseconds(200));
+      continue;
+    }
+    HostEvent event = std::move(inbox.events.front());
+    inbox.events.pop_front();
+    lock.unlock();
+    out_ << "event " << orNull(event.object) << '\n';
+    if (event.signalled) report(*event.signalled);
     out_.flush();
   }
-  manager->setSignalHandler(nullptr);
-  setLogSink(options_.verbose ? LogSink::Stderr : LogSink::Silent);
-  setLogCallback(nullptr);
+  client_.setEventTap(nullptr);
   return 0;
 }
 

@@ -1,10 +1,12 @@
 // The console's subcommands. Each makes the one framework call it is named
 // for against a running host and prints what the framework would receive.
 //
-// A Console owns the extension for its domain; it is used from one thread,
-// except that `watch` also receives host events on the listener's thread.
-// Results are exit codes: 0 done, 1 the host did not answer or refused, 2
-// bad input. Messages for people go to `err`, results to `out`.
+// A Console owns the extension for its domain, built on the host client it
+// is given, which must outlive it. It is used from one thread, except that
+// `watch` also receives host events on the listener's thread. It leaves the
+// log sink to its maker. Results are exit codes: 0 done, 1 the host did not
+// answer or refused, 2 bad input. Messages for people go to `err`, results
+// to `out`.
 #pragma once
 
 #include <atomic>
@@ -17,6 +19,7 @@
 
 namespace hvfp {
 class FileProviderExtension;
+class HalvoProviderClient;
 class NSFileProviderItem;
 }  // namespace hvfp
 
@@ -25,13 +28,13 @@ namespace hvfp::cli {
 struct ConsoleOptions {
   std::optional<int64_t> port;  // delivered as a port event, as the host app would
   bool json = false;
-  bool verbose = false;  // the provider's own log lines on stderr
   std::string domain = "halvo";
 };
 
 class Console {
  public:
-  Console(ConsoleOptions options, std::ostream& out, std::ostream& err);
+  Console(HalvoProviderClient& client, ConsoleOptions options, std::ostream& out,
+          std::ostream& err);
   ~Console();
 
   int ls(const std::string& container);
@@ -41,11 +44,13 @@ class Console {
   int watch(const std::atomic<bool>& stop);
 
  private:
-  // One line on `err` and false when the last query of this thread, made
-  // after `before`, got no answer from the host.
+  // One line on `err` and false when the client's last query, if it was
+  // made after the one numbered `before`, got no answer from the host.
   bool hostAnswered(uint64_t before);
+  uint64_t queriesSoFar() const;
   void printItems(const std::vector<std::shared_ptr<NSFileProviderItem>>& items);
 
+  HalvoProviderClient& client_;
   ConsoleOptions options_;
   std::ostream& out_;
   std::ostream& err_;

@@ -6,6 +6,8 @@
 #include <iostream>
 
 #include "cli/Console.h"
+#include "hostlink/HalvoProviderClient.h"
+#include "platform/Log.h"
 
 namespace {
 std::atomic<bool> gStop{false};
@@ -19,11 +21,12 @@ int main(int argc, char** argv) {
       "halvofp"};
   app.require_subcommand(1);
   hvfp::cli::ConsoleOptions options;
+  bool verbose = false;
   int64_t port = 0;
   app.add_option("--port", port, "the host app's query port (default 24753), sent as a port event")
       ->check(CLI::Range(int64_t{1}, int64_t{65535}));
   app.add_flag("--json", options.json, "one JSON object per item, every property by name");
-  app.add_flag("-v,--verbose", options.verbose, "show the provider's log lines on stderr");
+  app.add_flag("-v,--verbose", verbose, "show the provider's log lines on stderr");
   app.add_option("--domain", options.domain, "the domain's name (names its cache folder)")
       ->capture_default_str();
 
@@ -49,7 +52,9 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
   if (app.get_option("--port")->count() > 0) options.port = port;
 
-  hvfp::cli::Console console(options, std::cout, std::cerr);
+  hvfp::setLogSink(verbose ? hvfp::LogSink::Stderr : hvfp::LogSink::Silent);
+  hvfp::cli::Console console(hvfp::HalvoProviderClient::shareHalvoProviderClient(), options,
+                             std::cout, std::cerr);
   if (*ls) return console.ls(lsContainer);
   if (*stat) return console.stat(statId);
   if (*changes)

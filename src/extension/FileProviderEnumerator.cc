@@ -12,8 +12,6 @@
 namespace hvfp {
 namespace {
 
-HalvoProviderClient& client() { return HalvoProviderClient::shareHalvoProviderClient(); }
-
 // Stable, so mounts with equal last times keep the host's order and the
 // first of two equally named ones keeps the plain name on every listing.
 void sortByLastTime(std::vector<HVFileItemRef>& records) {
@@ -51,8 +49,9 @@ bool isUtf8(std::string_view bytes) {
 
 }  // namespace
 
-FileProviderEnumerator::FileProviderEnumerator(std::string itemIdentifier, int64_t currentAnchor)
-    : itemIdentifier_(std::move(itemIdentifier)), nCurrentAnchor_(currentAnchor) {
+FileProviderEnumerator::FileProviderEnumerator(HalvoProviderClient& client,
+                                               std::string itemIdentifier, int64_t currentAnchor)
+    : client_(client), itemIdentifier_(std::move(itemIdentifier)), nCurrentAnchor_(currentAnchor) {
   log("FileProviderEnumerator init {},{}", itemIdentifier_, nCurrentAnchor_);
 }
 
@@ -85,7 +84,7 @@ std::string FileProviderEnumerator::checkName(const std::vector<NSFileProviderIt
 }
 
 FileProviderEnumerator::Items FileProviderEnumerator::mountItems(bool logEach) const {
-  std::vector<HVFileItemRef> records = client().getLinks();
+  std::vector<HVFileItemRef> records = client_.getLinks();
   sortByLastTime(records);
   Items items;
   items.reserve(records.size());
@@ -110,7 +109,7 @@ FileProviderEnumerator::Items FileProviderEnumerator::mountItems(bool logEach) c
     if (auto filename = item->filename()) given.insert(*filename);
     if (logEach) item->test();
     if (renamed)
-      client().addRootChangeName(
+      client_.addRootChangeName(
           std::make_shared<RootChangeName>(RootChangeName{item->itemIdentifier(), shown}));
     items.push_back(std::move(item));
   }
@@ -131,18 +130,18 @@ FileProviderEnumerator::Items FileProviderEnumerator::itemsUnderContainer(
 }
 
 FileProviderEnumerator::Items FileProviderEnumerator::trashItems() const {
-  std::vector<HVFileItemRef> records = client().getTrash();
+  std::vector<HVFileItemRef> records = client_.getTrash();
   sortByLastTime(records);
   return itemsUnderContainer(records, true);
 }
 
 FileProviderEnumerator::Items FileProviderEnumerator::childItems(uint64_t& lasttime,
                                                                  bool logEach) const {
-  return itemsUnderContainer(client().getFiles(itemIdentifier_, lasttime), logEach);
+  return itemsUnderContainer(client_.getFiles(itemIdentifier_, lasttime), logEach);
 }
 
 FileProviderEnumerator::Items FileProviderEnumerator::workingSetChanges() {
-  std::vector<HVFileItemRef> records = client().getChangeFiles(ullLastTime_);
+  std::vector<HVFileItemRef> records = client_.getChangeFiles(ullLastTime_);
   Items items;
   items.reserve(records.size());
   for (const auto& record : records) {

@@ -4,8 +4,8 @@
 // between calls is the host's change cursor (ullLastTime).
 //
 // Ownership: made by FileProviderExtension, shared with the framework, which
-// keeps it until invalidate(). Observers are the caller's and are only used
-// during the call.
+// keeps it until invalidate(). The host client is the extension's. Observers
+// are the caller's and are only used during the call.
 //
 // Threads: one framework thread at a time per enumerator (the cursor has no
 // lock). Several enumerators may run at once; the root-rename registry they
@@ -22,10 +22,13 @@
 
 namespace hvfp {
 
+class HalvoProviderClient;
+
 class FileProviderEnumerator : public NSFileProviderEnumerator {
  public:
   // initWithItemIdentifier:currentAnchor:
-  FileProviderEnumerator(std::string itemIdentifier, int64_t currentAnchor);
+  FileProviderEnumerator(HalvoProviderClient& client, std::string itemIdentifier,
+                         int64_t currentAnchor);
 
   const std::string& itemIdentifier() const { return itemIdentifier_; }
   void setItemIdentifier(std::string identifier) { itemIdentifier_ = std::move(identifier); }
@@ -62,6 +65,7 @@ class FileProviderEnumerator : public NSFileProviderEnumerator {
   // One item per record, parented to this container, in the given order.
   Items itemsUnderContainer(const std::vector<HVFileItemRef>& records, bool logEach) const;
 
+  HalvoProviderClient& client_;
   std::string itemIdentifier_;
   int64_t nCurrentAnchor_ = 0;
   uint64_t ullLastTime_ = 0;

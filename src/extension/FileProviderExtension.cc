@@ -7,21 +7,20 @@
 namespace hvfp {
 namespace {
 
-HalvoProviderClient& client() { return HalvoProviderClient::shareHalvoProviderClient(); }
-
 // A mount shown under a collision name must keep that name when looked up
 // alone, or the framework would see it renamed back.
-void applyRegisteredRootName(FileProviderItem& item) {
+void applyRegisteredRootName(const HalvoProviderClient& client, FileProviderItem& item) {
   if (!item.isRoot()) return;
-  std::string name = client().checkRootChangeName(item.itemIdentifier());
+  std::string name = client.checkRootChangeName(item.itemIdentifier());
   if (!name.empty()) item.setFileName(name);
 }
 
 }  // namespace
 
-FileProviderExtension::FileProviderExtension(const NSFileProviderDomain& domain)
-    : mTaskQueue_(std::make_unique<OperationQueue>()) {
-  client().start(domain);
+FileProviderExtension::FileProviderExtension(HalvoProviderClient& client,
+                                             const NSFileProviderDomain& domain)
+    : client_(client), mTaskQueue_(std::make_unique<OperationQueue>()) {
+  client_.start(domain);
   log("FileProvider 6.2.3.20010");
 }
 
@@ -34,7 +33,7 @@ std::shared_ptr<FileProviderEnumerator> FileProviderExtension::enumeratorForCont
   (void)request;
   (void)error;
   const int64_t anchor = nCurrentAnchor_.fetch_add(1) + 1;
-  return std::make_shared<FileProviderEnumerator>(containerItemIdentifier, anchor);
+  return std::make_shared<FileProviderEnumerator>(client_, containerItemIdentifier, anchor);
 }
 
 std::shared_ptr<Progress> FileProviderExtension::itemForIdentifier(
@@ -42,9 +41,10 @@ std::shared_ptr<Progress> FileProviderExtension::itemForIdentifier(
     ItemCompletionHandler completionHandler) {
   log("FileProviderExtension itemForIdentifier:{},{},{}", identifier,
       request.isSystemRequest ? 1 : 0, request.isFileViewerRequest ? 1 : 0);
-  std::shared_ptr<FileProviderItem> item = FileProviderItem::initWithItemIdentifier(identifier);
+  std::shared_ptr<FileProviderItem> item =
+      FileProviderItem::initWithItemIdentifier(identifier, client_);
   if (item) {
-    applyRegisteredRootName(*item);
+    applyRegisteredRootName(client_, *item);
     item->test();
   }
   if (completionHandler) {

@@ -5,8 +5,8 @@
 //
 // Ownership: made once per domain by whoever plays the framework (the driver,
 // the console) and kept for the life of the domain. It owns mTaskQueue; the
-// host client it starts is the process singleton. Enumerators are shared with
-// the caller.
+// host client it starts is its maker's and must outlive it and every
+// enumerator it hands out. Enumerators are shared with the caller.
 //
 // Threads: every operation may be called from any thread, several at once.
 // Lookups block the calling thread on the host query and call their handler
@@ -28,13 +28,15 @@
 
 namespace hvfp {
 
+class HalvoProviderClient;
+
 class FileProviderExtension {
  public:
   using ItemCompletionHandler =
       std::function<void(std::shared_ptr<NSFileProviderItem> item, std::optional<Error> error)>;
 
-  // initWithDomain: starts the host client for the domain.
-  explicit FileProviderExtension(const NSFileProviderDomain& domain);
+  // initWithDomain: starts `client` for the domain.
+  FileProviderExtension(HalvoProviderClient& client, const NSFileProviderDomain& domain);
   ~FileProviderExtension();
   FileProviderExtension(const FileProviderExtension&) = delete;
   FileProviderExtension& operator=(const FileProviderExtension&) = delete;
@@ -61,6 +63,7 @@ class FileProviderExtension {
                                               ItemCompletionHandler completionHandler);
 
  private:
+  HalvoProviderClient& client_;
   std::atomic<int64_t> nCurrentAnchor_{1};
   std::unique_ptr<OperationQueue> mTaskQueue_;
 };

@@ -5,28 +5,41 @@
 namespace hvfp {
 
 HalvoProviderClient& HalvoProviderClient::shareHalvoProviderClient() {
-  // Never destroyed: tasks and listener threads may still use it during exit.
-  static HalvoProviderClient* client = new HalvoProviderClient;
-  return *client;
+  static HalvoProviderClient client;
+  return client;
+}
+
+HalvoProviderClient::~HalvoProviderClient() {
+  // The listener first: an event arriving now must not find a client that is
+  // half gone. Then the queues, whose uploads still use the rest.
+  std::unique_ptr<HostEventListener> listener;
+  std::vector<std::unique_ptr<OperationQueue>> queues;
+  {
+    MutexLock lock(mPropsLock);
+    listener = std::move(eventListener_);
+    queues = std::move(uploadQueues_);
+  }
+  listener.reset();
+  queues.clear();
 }
 
 std::string HalvoProviderClient::strHost() const {
-  std::lock_guard lock(mPropsLock);
+  MutexLock lock(mPropsLock);
   return strHost_;
 }
 
 void HalvoProviderClient::setStrHost(std::string host) {
-  std::lock_guard lock(mPropsLock);
+  MutexLock lock(mPropsLock);
   strHost_ = std::move(host);
 }
 
 std::string HalvoProviderClient::strTempPath() const {
-  std::lock_guard lock(mPropsLock);
+  MutexLock lock(mPropsLock);
   return strTempPath_;
 }
 
 void HalvoProviderClient::setStrTempPath(std::string path) {
-  std::lock_guard lock(mPropsLock);
+  MutexLock lock(mPropsLock);
   strTempPath_ = std::move(path);
 }
 
@@ -38,12 +51,31 @@ std::string HalvoProviderClient::syncRequestByArray(const QueryList& list) const
   return syncRequest(urlFor(list));
 }
 
-std::string HalvoProviderClient::syncRequest(const std::string& url) {
-  return SharedSession::get(url);
+std::string HalvoProviderClient::syncRequest(const std::string& url) const {
+  QueryOutcome outcome;
+  outcome.number = ++queriesMade_;
+  Result<HttpReply> reply = SharedSession::get(url);
+  std::string body;
+  if (reply) {
+    outcome.delivered = true;
+    outcome.httpStatus = reply->status;
+    body = std::move(reply->body);
+  } else {
+    outcome.httpStatus = reply.failure().status;
+    outcome.failure = reply.failure().message;
+  }
+  MutexLock lock(mOutcomeLock);
+  lastOutcome_ = std::move(outcome);
+  return body;
+}
+
+QueryOutcome HalvoProviderClient::lastOutcome() const {
+  MutexLock lock(mOutcomeLock);
+  return lastOutcome_;
 }
 
 AddFileInfoRef HalvoProviderClient::getAddFileInfo(const std::string& identifier) const {
-  std::lock_guard lock(mLock);
+  MutexLock lock(mLock);
   for (const auto& entry : mMutableArray)
     if (entry->itemidentifier == identifier) return entry;
   return nullptr;
@@ -51,7 +83,7 @@ AddFileInfoRef HalvoProviderClient::getAddFileInfo(const std::string& identifier
 
 void HalvoProviderClient::addAddFileInFo(const AddFileInfoRef& info) {
   if (!info) return;
-  std::lock_guard lock(mLock);
+  MutexLock lock(mLock);
   for (const auto& entry : mMutableArray) {
     if (entry->itemidentifier == info->itemidentifier) {
       entry->strWebpath = info->strWebpath;
@@ -64,23 +96,23 @@ void HalvoProviderClient::addAddFileInFo(const AddFileInfoRef& info) {
 
 void HalvoProviderClient::addRootChangeName(const RootChangeNameRef& entry) {
   if (!entry) return;
-  std::lock_guard lock(mRootChangeNameLock);
+  MutexLock lock(mRootChangeNameLock);
   auto [it, added] = mRootChangeNameArray.try_emplace(entry->itemidentifier, entry);
   if (!added) it->second->strName = entry->strName;
 }
 
 std::string HalvoProviderClient::checkRootChangeName(const std::string& identifier) const {
-  std::lock_guard lock(mRootChangeNameLock);
+  MutexLock lock(mRootChangeNameLock);
   auto it = mRootChangeNameArray.find(identifier);
   return it == mRootChangeNameArray.end() ? std::string() : it->second->strName;
 }
 
 void HalvoProviderClient::resetRegistries() {
   {
-    std::lock_guard lock(mLock);
+    MutexLock lock(mLock);
     mMutableArray.clear();
   }
-  std::lock_guard lock(mRootChangeNameLock);
+  MutexLock lock(mRootChangeNameLock);
   mRootChangeNameArray.clear();
 }
 

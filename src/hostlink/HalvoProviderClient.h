@@ -1,24 +1,30 @@
 // HalvoProviderClient: the provider's one client of the host app.
 //
-// A process singleton (shareHalvoProviderClient), never destroyed. It owns the
-// host query channel (a blocking HTTP GET per query to the host's loopback
-// server), the request families built on it, the upload queue, and two small
-// registries. Every operation may be called from any thread at any time after
+// It owns the host query channel (a blocking HTTP GET per query to the
+// host's loopback server), the request families built on it, the upload
+// queue, the host-event listener and two small registries. The process entry
+// makes or takes one (shareHalvoProviderClient) and hands it to the
+// extension; everything below the entry is given its client and never
+// reaches for the process's own. A client outlives everything it is given to.
+//
+// Threads: every operation may be called from any thread at any time after
 // start; queries block the calling thread until the host has answered.
-// Shared state: the query port is atomic, the host and temporary path are
-// read under a lock, each registry has its own mutex.
+// Host events arrive on the listener's thread. The query port is atomic;
+// the rest of the shared state is guarded by the mutex named on it.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "hostlink/ItemIdentifier.h"
 #include "hostlink/QueryList.h"
+#include "platform/ThreadAnnotations.h"
 #include "platform/dispatch/OperationQueue.h"
 #include "platform/fileprovider/NSFileProviderManager.h"
 #include "platform/ipc/HostEvents.h"
@@ -27,12 +33,36 @@
 
 namespace hvfp {
 
+// What the client made of one host event, for whoever watches them.
+struct HostEvent {
+  std::optional<std::string> object;     // the event's text; none when it carried none
+  std::optional<std::string> signalled;  // the container signalled to the manager, if any
+};
+
+// How a query ended. Only the channel's own failures count: a reply with an
+// error status is delivered, and its body goes to the caller as any other.
+struct QueryOutcome {
+  uint64_t number = 0;  // the query's place among the client's queries; 0: none yet
+  bool delivered = false;
+  long httpStatus = 0;  // 0 without a reply
+  std::string failure;  // why nothing usable came; empty when delivered
+};
+
 class HalvoProviderClient {
  public:
   static constexpr int64_t kDefaultPort = 24753;
   static constexpr const char* kDefaultHost = "http://127.0.0.1";
 
+  // The process's client, for the process entry to hand down. Destroyed at
+  // exit, after everything the entry made with it.
   static HalvoProviderClient& shareHalvoProviderClient();
+
+  // Not started: no queue, no manager, no listener.
+  HalvoProviderClient() = default;
+  // Stops hearing host events, then waits for every queued upload.
+  ~HalvoProviderClient();
+  HalvoProviderClient(const HalvoProviderClient&) = delete;
+  HalvoProviderClient& operator=(const HalvoProviderClient&) = delete;
 
   // --- start, host events, message port ----------------------------------
   // Makes the upload queue and empty registries, binds the domain's manager,
@@ -42,7 +72,12 @@ class HalvoProviderClient {
   void stop() {}
   // One host event; `object` is the event's text, or nullopt when the event
   // carried no text. Runs on the event listener's thread.
-  void onRecvFromApp(const std::optional<std::string>& object);
+  void onRecvFromApp(const std::optional<std::string>& object) EXCLUDES(mTapLock);
+  // Called with each host event once the client has handled it, on the
+  // thread that delivered it. When setEventTap returns, the tap it replaced
+  // is neither running nor called again; so a tap must not set the tap.
+  using EventTap = std::function<void(const HostEvent& event)>;
+  void setEventTap(EventTap tap) EXCLUDES(mTapLock);
   // Notifies the host app through its message port: up to 5 attempts 0.5 s
   // apart; the reply text, or the empty text when every attempt failed.
   std::string sendData(int64_t msgid, const std::string& content);
@@ -52,7 +87,9 @@ class HalvoProviderClient {
   std::shared_ptr<NSFileProviderManager> providerManager() const;
   // Whether start found a session bus to hear host events on.
   bool hearsHostEvents() const;
-  std::shared_ptr<OperationQueue> mUploadQueue() const;
+  // Null before start. A second start replaces it; the old one keeps
+  // running what it holds until the client goes.
+  OperationQueue* mUploadQueue() const;
 
   // --- properties -------------------------------------------------------
   std::string strHost() const;
@@ -69,8 +106,10 @@ class HalvoProviderClient {
   // "<host>:<port>/provider?<query>", host and port read once.
   std::string urlFor(const QueryList& list) const;
   std::string syncRequestByArray(const QueryList& list) const;
-  // The reply body; the empty text on any failure (see SharedSession).
-  static std::string syncRequest(const std::string& url);
+  // The reply body; the empty text when the channel failed.
+  std::string syncRequest(const std::string& url) const;
+  // The outcome of the query that finished last.
+  QueryOutcome lastOutcome() const;
 
   // --- listings and lookups ---------------------------------------------
   // Listings give an empty list when the reply is not a JSON object; the
@@ -101,26 +140,35 @@ class HalvoProviderClient {
   void resetRegistries();
 
  private:
-  HalvoProviderClient() = default;
   std::vector<HVFileItemRef> listing(const QueryList& list, uint64_t* lasttime) const;
   std::string lookup(const QueryList& list) const;
+  // The container the event signalled, if it signalled one.
+  std::optional<std::string> handleEvent(const std::optional<std::string>& object);
 
-  mutable std::mutex mPropsLock;  // guards the strings and objects below
-  std::shared_ptr<NSFileProviderManager> providerManager_;
-  std::shared_ptr<OperationQueue> mUploadQueue_;
-  // Queues replaced by a second start keep running what they hold.
-  std::vector<std::shared_ptr<OperationQueue>> retiredQueues_;
-  std::unique_ptr<HostEventListener> eventListener_;
-  std::mutex mSendLock;  // one message-port exchange at a time
-  std::string strHost_ = kDefaultHost;
-  std::string strTempPath_;
+  mutable Mutex mPropsLock;
+  std::shared_ptr<NSFileProviderManager> providerManager_ GUARDED_BY(mPropsLock);
+  // The current upload queue is the last; earlier starts left the others.
+  std::vector<std::unique_ptr<OperationQueue>> uploadQueues_ GUARDED_BY(mPropsLock);
+  std::unique_ptr<HostEventListener> eventListener_ GUARDED_BY(mPropsLock);
+  std::string strHost_ GUARDED_BY(mPropsLock) = kDefaultHost;
+  std::string strTempPath_ GUARDED_BY(mPropsLock);
   std::atomic<int64_t> nPort_{kDefaultPort};
 
-  mutable std::mutex mLock;  // guards mMutableArray
-  std::vector<AddFileInfoRef> mMutableArray;
-  mutable std::mutex mRootChangeNameLock;  // guards mRootChangeNameArray
+  Mutex mSendLock;  // one message-port exchange at a time; guards no data
+
+  Mutex mTapLock;  // held while the tap runs
+  EventTap tap_ GUARDED_BY(mTapLock);
+
+  mutable std::atomic<uint64_t> queriesMade_{0};
+  mutable Mutex mOutcomeLock;
+  mutable QueryOutcome lastOutcome_ GUARDED_BY(mOutcomeLock);
+
+  mutable Mutex mLock;
+  std::vector<AddFileInfoRef> mMutableArray GUARDED_BY(mLock);  // pending additions
+  mutable Mutex mRootChangeNameLock;
   // Keyed by identifier: a host may list thousands of mounts under one name.
-  std::unordered_map<std::string, RootChangeNameRef> mRootChangeNameArray;
+  std::unordered_map<std::string, RootChangeNameRef> mRootChangeNameArray
+      GUARDED_BY(mRootChangeNameLock);
 };
 
 }  // namespace hvfp

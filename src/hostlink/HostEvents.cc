@@ -31,69 +31,82 @@ void HalvoProviderClient::start(const NSFileProviderDomain& domain) {
   // event that needs the lock, and one event must not reach two listeners.
   std::unique_ptr<HostEventListener> previous;
   {
-    std::lock_guard lock(mPropsLock);
+    MutexLock lock(mPropsLock);
     previous = std::move(eventListener_);
   }
   previous.reset();
-  auto queue = std::make_shared<OperationQueue>();
   resetRegistries();
   auto manager = NSFileProviderManager::managerForDomain(domain);
   setNPort(kDefaultPort);
   std::string tempPath;
   if (manager) tempPath = manager->temporaryDirectoryURLWithError().value_or("");
   {
-    std::lock_guard lock(mPropsLock);
-    if (mUploadQueue_) retiredQueues_.push_back(std::move(mUploadQueue_));
-    mUploadQueue_ = std::move(queue);
+    MutexLock lock(mPropsLock);
+    uploadQueues_.push_back(std::make_unique<OperationQueue>());
     providerManager_ = manager;
     strHost_ = kDefaultHost;
     strTempPath_ = std::move(tempPath);
   }
-  std::string why;
-  auto listener = HostEventListener::start(
-      [this](const std::optional<std::string>& object) { onRecvFromApp(object); }, &why);
-  if (!listener) log("host events unavailable, running without them: {}", why);
-  std::lock_guard lock(mPropsLock);
-  eventListener_ = std::move(listener);
+  auto listener = HostEventListener::listen(
+      [this](const std::optional<std::string>& object) { onRecvFromApp(object); });
+  if (!listener) {
+    log("host events unavailable, running without them: {}", listener.failure().message);
+    return;
+  }
+  MutexLock lock(mPropsLock);
+  eventListener_ = std::move(*listener);
 }
 
 std::shared_ptr<NSFileProviderManager> HalvoProviderClient::providerManager() const {
-  std::lock_guard lock(mPropsLock);
+  MutexLock lock(mPropsLock);
   return providerManager_;
 }
 
 bool HalvoProviderClient::hearsHostEvents() const {
-  std::lock_guard lock(mPropsLock);
+  MutexLock lock(mPropsLock);
   return eventListener_ != nullptr;
 }
 
-std::shared_ptr<OperationQueue> HalvoProviderClient::mUploadQueue() const {
-  std::lock_guard lock(mPropsLock);
-  return mUploadQueue_;
+OperationQueue* HalvoProviderClient::mUploadQueue() const {
+  MutexLock lock(mPropsLock);
+  return uploadQueues_.empty() ? nullptr : uploadQueues_.back().get();
+}
+
+void HalvoProviderClient::setEventTap(EventTap tap) {
+  MutexLock lock(mTapLock);
+  tap_ = std::move(tap);
 }
 
 void HalvoProviderClient::onRecvFromApp(const std::optional<std::string>& object) {
+  HostEvent event{object, handleEvent(object)};
+  MutexLock lock(mTapLock);
+  if (tap_) tap_(event);
+}
+
+std::optional<std::string> HalvoProviderClient::handleEvent(
+    const std::optional<std::string>& object) {
   if (!object) {
     log("onRecvFromApp error for str");
-    return;
+    return std::nullopt;
   }
   log("onRecvFromApp {}", *object);
   auto event = objectFromJSONString(*object);
-  if (!event || !event->isObject()) return;
+  if (!event || !event->isObject()) return std::nullopt;
   auto type = integerValueOf(event->find("type"));
-  if (!type) return;
+  if (!type) return std::nullopt;
   if (*type == 1) {
     setNPort(integerValueOf(event->find("port")).value_or(0));
-    return;
+    return std::nullopt;
   }
-  if (*type != 2) return;
+  auto manager = providerManager();
+  if (*type != 2 || !manager) return std::nullopt;
   int64_t mountId = integerValueOf(event->find("mountid")).value_or(0);
   const JsonValue* hash = event->find("hash");
   std::string uuidhash = hash && hash->string() ? *hash->string() : std::string();
   std::string container = mountId == 0 ? std::string(NSFileProviderRootContainerItemIdentifier)
                                        : createItemIdentifier(mountId, uuidhash);
-  if (auto manager = providerManager())
-    manager->signalEnumeratorForContainerItemIdentifier(container, [](std::optional<Error>) {});
+  manager->signalEnumeratorForContainerItemIdentifier(container, [](std::optional<Error>) {});
+  return container;
 }
 
 std::string HalvoProviderClient::getChangeStatus(int32_t msgid) {
@@ -119,7 +132,7 @@ std::string HalvoProviderClient::sendDataMore(int64_t msgid, const std::string& 
     {
       // The lock covers one attempt's port traffic only, never the pause, so
       // other callers' attempts can go between ours.
-      std::lock_guard lock(mSendLock);
+      MutexLock lock(mSendLock);
       auto port = MessagePortRemote::create(dbus::kPortName);
       if (port) {
         log("sendData {}:{}", name, content);

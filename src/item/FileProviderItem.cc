@@ -35,10 +35,10 @@ void appendDate(std::string& out, const std::optional<Date>& value) {
 }  // namespace
 
 std::shared_ptr<FileProviderItem> FileProviderItem::initWithItemIdentifier(
-    const std::string& identifier) {
+    const std::string& identifier, HalvoProviderClient& client) {
   if (isContainerIdentifier(identifier))
     return std::make_shared<FileProviderItem>(identifier, nullptr);
-  HVFileItemRef record = HalvoProviderClient::shareHalvoProviderClient().getFileInfo(identifier);
+  HVFileItemRef record = client.getFileInfo(identifier);
   if (!record || record->nStatusCode != 200) return nullptr;
   return std::make_shared<FileProviderItem>(identifier, std::move(record));
 }

@@ -22,12 +22,15 @@
 
 namespace hvfp {
 
+class HalvoProviderClient;
+
 class FileProviderItem : public NSFileProviderItem {
  public:
   // Containers are complete without the host. Any other identifier costs one
-  // "fileinfo" query; nullptr unless the host confirms it with status 200
-  // (provisional identifiers are refused before any query).
-  static std::shared_ptr<FileProviderItem> initWithItemIdentifier(const std::string& identifier);
+  // "fileinfo" query to `client`; nullptr unless the host confirms it with
+  // status 200 (provisional identifiers are refused before any query).
+  static std::shared_ptr<FileProviderItem> initWithItemIdentifier(const std::string& identifier,
+                                                                  HalvoProviderClient& client);
   // No query: the identifier comes from the record's mount id and uuid hash,
   // and the parent is left for parentItemIdentifier() to derive.
   static std::shared_ptr<FileProviderItem> initWithHVFileItem(HVFileItemRef record);

@@ -6,11 +6,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <thread>
 #include <utility>
+
+#include "platform/ThreadAnnotations.h"
 
 namespace hvfp {
 namespace {
@@ -22,16 +22,22 @@ namespace {
 constexpr size_t kMaxPending = size_t{8} << 20;
 
 struct LogState {
-  std::mutex mutex;
-  std::condition_variable wake;     // the writer: lines are pending
-  std::condition_variable drained;  // callers: the writer caught up
-  LogSink sink = LogSink::Stderr;
-  std::string pending;  // newline-terminated lines
-  std::string spare;    // the writer's last buffer, kept for its capacity
-  bool writing = false;
-  bool writerStarted = false;
-  std::vector<std::string> captured;
-  std::function<void(std::string_view)> callback;
+  Mutex mutex;
+  std::condition_variable_any wake;     // the writer: lines are pending, or stop
+  std::condition_variable_any drained;  // callers: the writer caught up
+  LogSink sink GUARDED_BY(mutex) = LogSink::Stderr;
+  std::string pending GUARDED_BY(mutex);  // newline-terminated lines
+  std::string spare GUARDED_BY(mutex);    // the writer's last buffer, kept for its capacity
+  bool writing GUARDED_BY(mutex) = false;
+  // Gone at exit, once the writer has written everything and ended: later
+  // lines are written inline.
+  enum class Writer {
+    NotStarted,
+    Running,
+    Stopping,
+    Gone
+  } writer GUARDED_BY(mutex) = Writer::NotStarted;
+  std::vector<std::string> captured GUARDED_BY(mutex);
 };
 
 LogState& state() {
@@ -39,7 +45,7 @@ LogState& state() {
   return *s;
 }
 
-void writeOut(LogSink sink, const std::string& lines) {
+void writeOut(LogSink sink, std::string_view lines) {
   if (sink == LogSink::Syslog) {
     size_t start = 0;
     while (start < lines.size()) {
@@ -59,9 +65,12 @@ void writeOut(LogSink sink, const std::string& lines) {
 
 void writerLoop() {
   LogState& s = state();
-  std::unique_lock lock(s.mutex);
+  MutexLock lock(s.mutex);
   for (;;) {
-    s.wake.wait(lock, [&] { return !s.pending.empty(); });
+    s.wake.wait(lock, [&]() REQUIRES(s.mutex) {
+      return !s.pending.empty() || s.writer == LogState::Writer::Stopping;
+    });
+    if (s.pending.empty()) return;  // stopping, with everything written
     std::string lines = std::exchange(s.pending, std::move(s.spare));
     s.pending.clear();
     LogSink sink = s.sink;
@@ -73,7 +82,7 @@ void writerLoop() {
     s.writing = false;
     s.drained.notify_all();
     // A short pause lets a burst of lines gather into one write.
-    if (s.pending.size() < 64 * 1024) {
+    if (s.pending.size() < 64 * 1024 && s.writer == LogState::Writer::Running) {
       lock.unlock();
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
       lock.lock();
@@ -81,34 +90,54 @@ void writerLoop() {
   }
 }
 
-void flushAtExit() { flushLog(); }
+// Owns the writer thread: made with the first line for stderr or syslog;
+// at exit the writer writes what is pending and is joined.
+class WriterThread {
+ public:
+  WriterThread() : thread_(writerLoop) {}
+  ~WriterThread() {
+    LogState& s = state();
+    {
+      MutexLock lock(s.mutex);
+      s.writer = LogState::Writer::Stopping;
+    }
+    s.wake.notify_one();
+    thread_.join();
+    MutexLock lock(s.mutex);
+    s.writer = LogState::Writer::Gone;
+    // Lines logged while the writer was ending.
+    writeOut(s.sink, std::exchange(s.pending, {}));
+    s.drained.notify_all();
+  }
+
+ private:
+  std::thread thread_;
+};
+
+void flushLocked(LogState& s, MutexLock& lock) REQUIRES(s.mutex) {
+  s.drained.wait(lock, [&]() REQUIRES(s.mutex) { return s.pending.empty() && !s.writing; });
+}
 
 }  // namespace
 
 void setLogSink(LogSink sink) {
-  flushLog();
   LogState& s = state();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
+  flushLocked(s, lock);
   if (sink == LogSink::Syslog && s.sink != LogSink::Syslog) openlog("halvofp", LOG_PID, LOG_USER);
   s.sink = sink;
 }
 
-void setLogCallback(std::function<void(std::string_view line)> callback) {
-  LogState& s = state();
-  std::lock_guard lock(s.mutex);
-  s.callback = std::move(callback);
-}
-
 std::vector<std::string> takeCapturedLog() {
   LogState& s = state();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   return std::exchange(s.captured, {});
 }
 
 void flushLog() {
   LogState& s = state();
-  std::unique_lock lock(s.mutex);
-  s.drained.wait(lock, [&] { return s.pending.empty() && !s.writing; });
+  MutexLock lock(s.mutex);
+  flushLocked(s, lock);
 }
 
 // Texts from the host end up in log lines; a line break or NUL in them must
@@ -135,16 +164,19 @@ void logLine(std::string_view raw) {
   std::string scratch;
   std::string_view line = oneLine(raw, scratch);
   LogState& s = state();
-  std::unique_lock lock(s.mutex);
+  MutexLock lock(s.mutex);
   switch (s.sink) {
     case LogSink::Stderr:
     case LogSink::Syslog:
-      if (!s.writerStarted) {
-        s.writerStarted = true;
-        std::thread(writerLoop).detach();
-        std::atexit(flushAtExit);
+      if (s.writer == LogState::Writer::Gone) {
+        writeOut(s.sink, std::string(line) + '\n');
+        break;
       }
-      s.drained.wait(lock, [&] { return s.pending.size() < kMaxPending; });
+      if (s.writer == LogState::Writer::NotStarted) {
+        s.writer = LogState::Writer::Running;
+        static WriterThread writer;
+      }
+      s.drained.wait(lock, [&]() REQUIRES(s.mutex) { return s.pending.size() < kMaxPending; });
       // Only the first line of a batch wakes the writer; it takes the whole
       // batch at once.
       if (s.pending.empty()) s.wake.notify_one();
@@ -152,9 +184,6 @@ void logLine(std::string_view raw) {
       break;
     case LogSink::Capture:
       s.captured.emplace_back(line);
-      break;
-    case LogSink::Callback:
-      if (s.callback) s.callback(line);
       break;
     case LogSink::Silent:
       break;

@@ -3,12 +3,12 @@
 // Lines go to stderr by default, to syslog when the process runs in the
 // background, or to a capture buffer in tests. Safe from any thread; each line
 // is written whole and in order. Stderr and syslog lines are written by a
-// background thread; flushLog() waits until they are out (done at exit too).
+// background thread, which is joined at exit once they are out; flushLog()
+// waits until they are out.
 #pragma once
 
 #include <fmt/format.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,12 +16,9 @@
 
 namespace hvfp {
 
-enum class LogSink { Stderr, Syslog, Capture, Callback, Silent };
+enum class LogSink { Stderr, Syslog, Capture, Silent };
 
 void setLogSink(LogSink sink);
-// Receives each line while the sink is Callback; runs on the logging thread
-// under the log's lock, so it must not log itself.
-void setLogCallback(std::function<void(std::string_view line)> callback);
 // Lines collected while the sink is Capture; takes them out.
 std::vector<std::string> takeCapturedLog();
 

@@ -1,12 +1,20 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "cli/Console.h"
 #include "cli/ItemFormat.h"
+#include "hostlink/HalvoProviderClient.h"
+#include "platform/Log.h"
+#include "platform/ipc/HostEvents.h"
 #include "support/LoopbackServer.h"
+#include "support/PrivateBus.h"
 
 namespace hvfp::cli {
 namespace {
@@ -22,10 +30,11 @@ class CliConsole : public ::testing::Test {
   }
   int run(std::function<int(Console&)> command, ConsoleOptions options = {}) {
     if (!options.port) options.port = server.port();
-    Console console(options, out, err);
+    Console console(client, options, out, err);
     return command(console);
   }
   LoopbackServer server;
+  HalvoProviderClient client;
   std::ostringstream out, err;
 };
 
@@ -118,6 +127,87 @@ TEST_F(CliConsole, ControlCharactersInNamesNeverReachTheTerminal) {
   EXPECT_EQ(run([](Console& c) { return c.ls("3"); }), 0);
   EXPECT_NE(out.str().find("evil?[2Jname?"), std::string::npos) << out.str();
   EXPECT_EQ(out.str().find('\x1b'), std::string::npos);
+}
+
+// Text that one thread writes while another waits for a part of it. No put
+// area, so every write comes through the lock.
+class SharedText : public std::streambuf {
+ public:
+  std::string text() {
+    std::lock_guard lock(mutex_);
+    return text_;
+  }
+  bool waitFor(const std::string& part) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(10),
+                             [&] { return text_.find(part) != std::string::npos; });
+  }
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (c == traits_type::eof()) return traits_type::not_eof(c);
+    char ch = traits_type::to_char_type(c);
+    xsputn(&ch, 1);
+    return c;
+  }
+  std::streamsize xsputn(const char* s, std::streamsize n) override {
+    std::lock_guard lock(mutex_);
+    text_.append(s, static_cast<size_t>(n));
+    changed_.notify_all();
+    return n;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::string text_;
+};
+
+// Host events come over the bus while the provider's log goes on, as with
+// "halvofp -v watch": each event is printed, and a change event is followed
+// by the change report of the container it signalled.
+TEST_F(CliConsole, WatchPrintsEventsAndChangeReportsAndLeavesTheLogAlone) {
+  if (!test::PrivateBus::available()) GTEST_SKIP() << "dbus-daemon not installed";
+  test::PrivateBus bus;
+  ASSERT_TRUE(bus.ok()) << bus.error();
+  setLogSink(LogSink::Capture);
+  server.enqueue({200,
+                  R"({"list":[{"filename":"new.txt","mount_id":12,"uuidhash":"n1",)"
+                  R"("webpath":"ab34/new.txt","filesize":2048,"lasttime":300}],"lasttime":5})"});
+  const std::string change = R"({"type":2,"mountid":12,"hash":"ab34"})";
+  SharedText outText, errText;
+  std::ostream watchOut(&outText), watchErr(&errText);
+  {
+    HalvoProviderClient watched;
+    ConsoleOptions options;
+    options.port = server.port();
+    Console console(watched, options, watchOut, watchErr);
+    std::atomic<bool> stop{false};
+    std::jthread watching([&] { EXPECT_EQ(console.watch(stop), 0); });
+    struct StopFirst {
+      std::atomic<bool>& stop;
+      ~StopFirst() { stop = true; }
+    } stopFirst{stop};
+    ASSERT_TRUE(errText.waitFor("watching host events"));
+    auto emitter = HostEventEmitter::open();
+    ASSERT_TRUE(emitter) << emitter.failure().message;
+    ASSERT_TRUE((*emitter)->emit(change));
+    ASSERT_TRUE((*emitter)->emit(R"({"type":3})"));
+    ASSERT_TRUE(outText.waitFor("event {\"type\":3}\n"));
+  }
+  EXPECT_EQ(outText.text(), "event " + change +
+                                "\n"
+                                "signalled 12/ab34\n"
+                                "NAME     IDENTIFIER  KIND                  SIZE  MODIFIED\n"
+                                "new.txt  12/n1       public.plain-text  2.0 KiB  "
+                                "1970-01-01 00:05:00\n"
+                                "event {\"type\":3}\n");
+  EXPECT_EQ(server.queries(), std::vector<std::string>{"type=files&uuidhash=ab34&mount_id=12"});
+  EXPECT_THAT(takeCapturedLog(),
+              ::testing::IsSupersetOf({"onRecvFromApp " + change,
+                                       std::string("enumerateChangesForObserver 12/ab34,2,2"),
+                                       std::string(R"(onRecvFromApp {"type":3})")}));
+  setLogSink(LogSink::Stderr);
 }
 
 TEST(CliFormat, Sizes) {

@@ -36,7 +36,7 @@ TEST_F(EnumeratorListing, CollidingMountNamesGetSuffixesInLastTimeOrder) {
     EXPECT_EQ(changed.names(), c.shown);
     EXPECT_EQ(listed.parents(), Lines(c.shown.size(), kRoot));
     for (size_t id = nextId - c.mounts.size(); id < nextId; ++id)
-      registered.push_back(client().checkRootChangeName(std::to_string(id)));
+      registered.push_back(client.checkRootChangeName(std::to_string(id)));
     EXPECT_EQ(registered, c.registered);
   }
   EXPECT_EQ(server.queries(), Lines(6, "type=links"));

@@ -1,7 +1,6 @@
-// Shared by the extension tests: an extension started against a loopback
-// host in a private cache folder with no session bus, and observers that
-// record every call the enumerators make. One test per process (gtest
-// discovery), so the client singleton starts fresh each time.
+// Shared by the extension tests: an extension on a client of the test's own,
+// started against a loopback host in a private cache folder with no session
+// bus, and observers that record every call the enumerators make.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -94,10 +93,10 @@ class ExtensionTest : public ::testing::Test {
     setenv("XDG_CACHE_HOME", (dir_ + "/cache").c_str(), 1);
     setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + dir_ + "/no-bus").c_str(), 1);
     setLogSink(LogSink::Capture);
-    extension = std::make_unique<FileProviderExtension>(NSFileProviderDomain{"test", "Test"});
+    extension =
+        std::make_unique<FileProviderExtension>(client, NSFileProviderDomain{"test", "Test"});
     startLog = takeCapturedLog();
-    client().setStrHost("http://127.0.0.1");
-    client().setNPort(server.port());
+    client.setNPort(server.port());
   }
   void TearDown() override {
     extension.reset();
@@ -115,9 +114,9 @@ class ExtensionTest : public ::testing::Test {
     enumerator(container)->enumerateItemsForObserver(observer, "");
     return observer;
   }
-  static HalvoProviderClient& client() { return HalvoProviderClient::shareHalvoProviderClient(); }
 
   LoopbackServer server;
+  HalvoProviderClient client;
   std::unique_ptr<FileProviderExtension> extension;
   Lines startLog;
 

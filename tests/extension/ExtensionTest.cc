@@ -66,7 +66,7 @@ TEST_F(ExtensionLookup, AnswersOnceWithTheItemOr4610) {
   std::vector<LookupResult> failed{lookup("5/h2"), lookup("__fp/fs/1")};
   EXPECT_EQ(server.queries(), (Lines{"type=fileinfo&uuidhash=h1&mount_id=5",
                                      "type=fileinfo&uuidhash=h2&mount_id=5"}));
-  client().setNPort(unusedLoopbackPort());
+  client.setNPort(unusedLoopbackPort());
   failed.push_back(lookup("5/h1", {true, false}));
   for (const auto& r : failed) {
     EXPECT_EQ(r.item, nullptr);

@@ -25,7 +25,7 @@ class HostlinkEvents : public ::testing::Test {
   void TearDown() override { setLogSink(LogSink::Stderr); }
   std::string lastSignal() { return signals.containers.empty() ? "" : signals.containers.back(); }
 
-  HalvoProviderClient& client = HalvoProviderClient::shareHalvoProviderClient();
+  HalvoProviderClient client;
   test::SignalRecorder signals;
 };
 
@@ -70,11 +70,23 @@ TEST_F(HostlinkEvents, ChangeEventsSignalTheirContainer) {
       {R"({"type":"2","mountid":"x","hash":"h"})",
        std::string(NSFileProviderRootContainerItemIdentifier)},
   };
+  std::vector<HostEvent> tapped;
+  client.setEventTap([&](const HostEvent& e) { tapped.push_back(e); });
   for (const auto& [event, container] : cases) {
     client.onRecvFromApp(std::string(event));
     EXPECT_EQ(lastSignal(), container) << event;
+    EXPECT_EQ(tapped.back().object, event);
+    EXPECT_EQ(tapped.back().signalled, container);
   }
   EXPECT_EQ(signals.containers.size(), std::size(cases));
+  // The tap sees every event, also those that signal nothing.
+  client.onRecvFromApp(std::nullopt);
+  client.onRecvFromApp(std::string(R"({"type":1,"port":9})"));
+  client.setEventTap(nullptr);
+  client.onRecvFromApp(std::string(R"({"type":2})"));
+  ASSERT_EQ(tapped.size(), std::size(cases) + 2);
+  EXPECT_EQ(tapped[std::size(cases)].object, std::nullopt);
+  EXPECT_EQ(tapped.back().signalled, std::nullopt);
 }
 
 TEST_F(HostlinkEvents, LogLines) {
@@ -83,6 +95,24 @@ TEST_F(HostlinkEvents, LogLines) {
   client.onRecvFromApp(std::string(R"({"type":3})"));
   EXPECT_EQ(takeCapturedLog(), (std::vector<std::string>{"onRecvFromApp error for str",
                                                          R"(onRecvFromApp {"type":3})"}));
+}
+
+// Uploads hold the client; it must not go while any queue it made runs one.
+TEST(HostlinkClient, GoesOnlyOnceEveryUploadQueueIsDone) {
+  std::atomic<int> finished{0};
+  auto upload = [&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ++finished;
+  };
+  {
+    HalvoProviderClient client;
+    EXPECT_EQ(client.mUploadQueue(), nullptr);
+    for (int i = 0; i < 2; ++i) {  // the second start replaces the queue
+      client.start(NSFileProviderDomain{"hostlink-client-test", "Test"});
+      client.mUploadQueue()->addOperationWithBlock(upload);
+    }
+  }
+  EXPECT_EQ(finished.load(), 2);
 }
 
 TEST(HostlinkMessagePortNames, Table) {
@@ -102,21 +132,17 @@ class HostlinkOverBus : public ::testing::Test {
     client.start(NSFileProviderDomain{"hostlink-bus-test", "Test"});
     signals.attach(*client.providerManager());
   }
-  void TearDown() override {
-    // A fresh start drops the listener before the bus goes away.
-    client.start(NSFileProviderDomain{"hostlink-bus-test", "Test"});
-    setLogSink(LogSink::Stderr);
-  }
+  void TearDown() override { setLogSink(LogSink::Stderr); }
 
-  std::unique_ptr<test::PrivateBus> bus;
-  HalvoProviderClient& client = HalvoProviderClient::shareHalvoProviderClient();
+  std::unique_ptr<test::PrivateBus> bus;  // outlives the client's listener
+  HalvoProviderClient client;
   test::SignalRecorder signals;
 };
 
 TEST_F(HostlinkOverBus, EmittedEventReachesTheManager) {
   auto emitter = HostEventEmitter::open();
-  ASSERT_TRUE(emitter);
-  ASSERT_TRUE(emitter->emit(R"({"type":2,"mountid":12,"hash":"ab34"})"));
+  ASSERT_TRUE(emitter) << emitter.failure().message;
+  ASSERT_TRUE((*emitter)->emit(R"({"type":2,"mountid":12,"hash":"ab34"})"));
   ASSERT_TRUE(signals.waitFor(1));
   EXPECT_EQ(signals.containers[0], "12/ab34");
 }
@@ -132,8 +158,9 @@ TEST_F(HostlinkOverBus, MessagePortRetriesUntilTheHostListens) {
   std::unique_ptr<MessagePortServer> late;
   std::thread starter([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    late = MessagePortServer::start(dbus::kPortName,
-                                    [](int32_t, const std::string&) { return std::string("ok"); });
+    auto started = MessagePortServer::start(
+        dbus::kPortName, [](int32_t, const std::string&) { return std::string("ok"); });
+    if (started) late = std::move(*started);
   });
   std::string reply = client.sendData(1, "x");
   starter.join();

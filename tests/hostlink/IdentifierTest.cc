@@ -35,8 +35,7 @@ TEST(HostlinkIdentifier, ProvisionalIdentifiersAreRefused) {
 }
 
 TEST(HostlinkRegistries, PendingAdditionsKeepFirstObject) {
-  auto& client = HalvoProviderClient::shareHalvoProviderClient();
-  client.resetRegistries();
+  HalvoProviderClient client;
   auto first = std::make_shared<AddFileInfo>(AddFileInfo{"__fp/fs/5", "new", 3});
   client.addAddFileInFo(first);
   client.addAddFileInFo(std::make_shared<AddFileInfo>(AddFileInfo{"__fp/fs/5", "new2", 4}));
@@ -48,8 +47,7 @@ TEST(HostlinkRegistries, PendingAdditionsKeepFirstObject) {
 }
 
 TEST(HostlinkRegistries, RootRenamesUpdateInPlace) {
-  auto& client = HalvoProviderClient::shareHalvoProviderClient();
-  client.resetRegistries();
+  HalvoProviderClient client;
   client.addRootChangeName(std::make_shared<RootChangeName>(RootChangeName{"12", "Docs(2)"}));
   client.addRootChangeName(std::make_shared<RootChangeName>(RootChangeName{"12", "Docs(3)"}));
   EXPECT_EQ(client.checkRootChangeName("12"), "Docs(3)");

@@ -16,7 +16,7 @@ class HostlinkListing : public ::testing::Test {
     EXPECT_EQ(q.size(), 1u);
     return q.empty() ? std::string() : q.back();
   }
-  HalvoProviderClient& client = HalvoProviderClient::shareHalvoProviderClient();
+  HalvoProviderClient client;
   LoopbackServer server;
 };
 

@@ -62,17 +62,14 @@ class IntegrationBrowse : public ::testing::Test {
     ASSERT_GT(host, 0);
     ASSERT_TRUE(readQueryPort()) << "halvo-hostd did not start; see " << (root / "hostd.log");
     setLogSink(LogSink::Silent);
-    extension =
-        std::make_unique<FileProviderExtension>(NSFileProviderDomain{"integration", "Integration"});
-    auto& client = HalvoProviderClient::shareHalvoProviderClient();
+    extension = std::make_unique<FileProviderExtension>(
+        client, NSFileProviderDomain{"integration", "Integration"});
     client.onRecvFromApp(R"({"type":1,"port":)" + std::to_string(queryPort) + "}");
     signals.attach(*client.providerManager());
   }
 
   void TearDown() override {
     extension.reset();
-    // Drop the event listener before the bus goes away.
-    HalvoProviderClient::shareHalvoProviderClient().start(NSFileProviderDomain{"integration", ""});
     if (host > 0) {
       ::kill(host, SIGTERM);
       waitExit(host);
@@ -106,10 +103,11 @@ class IntegrationBrowse : public ::testing::Test {
     return c;
   }
 
-  std::unique_ptr<test::PrivateBus> bus;
+  std::unique_ptr<test::PrivateBus> bus;  // outlives the client's listener
   fs::path root;
   pid_t host = -1;
   int64_t queryPort = 0;
+  HalvoProviderClient client;
   std::unique_ptr<FileProviderExtension> extension;
   test::SignalRecorder signals;
 };

@@ -37,8 +37,14 @@ class BusTest : public ::testing::Test {
   virtual void start() {}  // the endpoints a test group shares, once the bus is up
 
   std::optional<test::PrivateBus> bus_;
-  std::string why_;  // the reason an endpoint gives for not starting
 };
+
+// The endpoint, or a failure of the test saying why there is none.
+template <typename T>
+std::unique_ptr<T> take(Result<std::unique_ptr<T>> endpoint) {
+  EXPECT_TRUE(endpoint) << endpoint.failure().message;
+  return endpoint ? std::move(*endpoint) : nullptr;
+}
 
 // Collects what a callback is given on another thread; waitFor() returns once
 // `count` entries arrived. The limit only turns a lost entry into a failed
@@ -73,10 +79,9 @@ using EventLog = Log<std::optional<std::string>>;
 class IpcHostEvents : public BusTest {
  protected:
   void start() override {
-    listener_ = HostEventListener::start(log_.callback(), &why_);
-    ASSERT_TRUE(listener_) << why_;
-    emitter_ = HostEventEmitter::open(&why_);
-    ASSERT_TRUE(emitter_) << why_;
+    listener_ = take(HostEventListener::listen(log_.callback()));
+    emitter_ = take(HostEventEmitter::open());
+    ASSERT_TRUE(listener_ && emitter_);
   }
 
   EventLog log_;
@@ -86,8 +91,8 @@ class IpcHostEvents : public BusTest {
 
 TEST_F(IpcHostEvents, EveryListenerGetsEachEventsExactTextInOrder) {
   EventLog second;
-  auto listener2 = HostEventListener::start(second.callback(), &why_);
-  ASSERT_TRUE(listener2) << why_;
+  auto listener2 = take(HostEventListener::listen(second.callback()));
+  ASSERT_TRUE(listener2);
 
   // Text the bus cannot carry is refused without spoiling the emitter.
   EXPECT_FALSE(emitter_->emit("bad \xff\xfe utf-8"));
@@ -160,8 +165,8 @@ TEST_F(IpcHostEvents, ListenerStopsWhetherIdleOrBusy) {
   });
   for (int round = 0; round < 3; ++round) {
     EventLog busy;
-    auto listener = HostEventListener::start(busy.callback(), &why_);
-    ASSERT_TRUE(listener) << why_;
+    auto listener = take(HostEventListener::listen(busy.callback()));
+    ASSERT_TRUE(listener);
     EXPECT_THAT(busy.waitFor(3), ::testing::SizeIs(::testing::Ge(3u)));
   }  // destroyed mid-stream; the callback's log dies right after
 }
@@ -178,8 +183,8 @@ std::string echoReply(int32_t msgid, const std::string& data) {
 class IpcMessagePort : public BusTest {
  protected:
   void start() override {
-    server_ = MessagePortServer::start(dbus::kPortName, handler(), &why_);
-    ASSERT_TRUE(server_) << why_;
+    server_ = take(MessagePortServer::start(dbus::kPortName, handler()));
+    ASSERT_TRUE(server_);
     remote_ = MessagePortRemote::create(dbus::kPortName);
     ASSERT_TRUE(remote_);
   }
@@ -228,20 +233,20 @@ TEST_F(IpcMessagePort, RemoteExistsOnlyWhileTheNameHasAnOwner) {
   EXPECT_EQ(remote_->sendRequest(1, "anyone?", 5, 5), std::nullopt);
 
   // The name is free as soon as the old server is gone.
-  server_ = MessagePortServer::start(dbus::kPortName, echoReply, &why_);
-  ASSERT_TRUE(server_) << why_;
+  server_ = take(MessagePortServer::start(dbus::kPortName, echoReply));
+  ASSERT_TRUE(server_);
   EXPECT_EQ(remote_->sendRequest(2, "back", 5, 5), Reply("2:back"));
 }
 
 TEST_F(IpcMessagePort, SecondServerForATakenNameIsRefused) {
-  std::string why;
   bool secondCalled = false;
   auto wrong = [&](int32_t, const std::string&) {
     secondCalled = true;
     return std::string();
   };
-  EXPECT_FALSE(MessagePortServer::start(dbus::kPortName, wrong, &why));
-  EXPECT_NE(why, "");
+  auto second = MessagePortServer::start(dbus::kPortName, wrong);
+  EXPECT_FALSE(second);
+  EXPECT_NE(second.failure().message, "");
   EXPECT_EQ(remote_->sendRequest(3, "still", 5, 5), Reply("3:still"));
   EXPECT_FALSE(secondCalled);
 }
@@ -264,13 +269,13 @@ TEST(IpcNoBus, EveryEndpointIsEmptyWithAReason) {
   setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + std::string(dir) + "/missing").c_str(), 1);
 
   bool called = false;
-  std::string why[3];
-  EXPECT_FALSE(HostEventListener::start([&](const auto&) { called = true; }, &why[0]));
-  EXPECT_FALSE(HostEventEmitter::open(&why[1]));
-  EXPECT_FALSE(MessagePortServer::start(dbus::kPortName, echoReply, &why[2]));
-  for (const auto& reason : why) EXPECT_NE(reason, "");
+  auto listener = HostEventListener::listen([&](const auto&) { called = true; });
+  auto emitter = HostEventEmitter::open();
+  auto server = MessagePortServer::start(dbus::kPortName, echoReply);
+  EXPECT_FALSE(listener || emitter || server);
+  for (const auto* failure : {&listener.failure(), &emitter.failure(), &server.failure()})
+    EXPECT_NE(failure->message, "");
   EXPECT_FALSE(MessagePortRemote::create(dbus::kPortName));
-  EXPECT_FALSE(HostEventEmitter::open());  // not asking for the reason changes nothing
   EXPECT_FALSE(called);
 
   if (previous) {

@@ -36,18 +36,16 @@ HVFileItemRef mountRecord() {
 
 class ItemWithHost : public ::testing::Test {
  protected:
-  void SetUp() override {
-    HalvoProviderClient::shareHalvoProviderClient().setStrHost("http://127.0.0.1");
-    HalvoProviderClient::shareHalvoProviderClient().setNPort(server.port());
-  }
+  void SetUp() override { client.setNPort(server.port()); }
   test::LoopbackServer server;
+  HalvoProviderClient client;
 };
 
 // The other properties of a container show in its log line.
 TEST_F(ItemWithHost, ContainersAreCompleteWithoutTheHost) {
   for (const std::string& id : {kRoot, kTrash, kWorkingSet}) {
     SCOPED_TRACE(id);
-    auto item = FileProviderItem::initWithItemIdentifier(id);
+    auto item = FileProviderItem::initWithItemIdentifier(id, client);
     ASSERT_TRUE(item);
     EXPECT_EQ(item->filename(), id);
     EXPECT_EQ(item->itemVersion(), (NSFileProviderItemVersion{id, id}));
@@ -58,7 +56,7 @@ TEST_F(ItemWithHost, ContainersAreCompleteWithoutTheHost) {
 TEST_F(ItemWithHost, LookupKeepsOnlyAConfirmedRecord) {
   server.enqueue({200, R"({"status_code":200,"filename":"a.txt","mount_id":5,"uuidhash":"h1",)"
                        R"("up_hash":"u0","webpath":"d/a.txt","status":0})"});
-  auto item = FileProviderItem::initWithItemIdentifier("5/h1");
+  auto item = FileProviderItem::initWithItemIdentifier("5/h1", client);
   ASSERT_TRUE(item);
   EXPECT_EQ(server.queries(), std::vector<std::string>{"type=fileinfo&uuidhash=h1&mount_id=5"});
   EXPECT_EQ(item->itemIdentifier(), "5/h1");
@@ -66,9 +64,10 @@ TEST_F(ItemWithHost, LookupKeepsOnlyAConfirmedRecord) {
   EXPECT_EQ(item->parentItemIdentifier(), "5/u0");
   for (const char* reply : {R"({"status_code":404})", R"({"filename":"a.txt"})", "[1]", "x"}) {
     server.enqueue({200, reply});
-    EXPECT_EQ(FileProviderItem::initWithItemIdentifier("5/h1"), nullptr) << reply;
+    EXPECT_EQ(FileProviderItem::initWithItemIdentifier("5/h1", client), nullptr) << reply;
   }
-  EXPECT_EQ(FileProviderItem::initWithItemIdentifier("__fp/fs/42"), nullptr);  // provisional
+  EXPECT_EQ(FileProviderItem::initWithItemIdentifier("__fp/fs/42", client),
+            nullptr);  // provisional
   EXPECT_EQ(server.requestCount(), 5u);
 }
 
@@ -132,7 +131,8 @@ TEST(ItemLog, LinesOfRecordsAndContainers) {
   trashed->nStatus = 7;
   for (const auto& record : {fileRecord(), mountRecord(), trashed})
     FileProviderItem::initWithHVFileItem(record)->test();
-  FileProviderItem::initWithItemIdentifier(kRoot)->test();
+  HalvoProviderClient client;
+  FileProviderItem::initWithItemIdentifier(kRoot, client)->test();
   const std::string dates = "2023-11-14 22:13:20 +0000,2023-11-14 22:13:20 +0000,0";
   EXPECT_EQ(takeCapturedLog(),
             (std::vector<std::string>{

@@ -19,18 +19,20 @@ class BlockOperation final : public Operation {
 }  // namespace
 
 OperationQueue::~OperationQueue() {
+  std::vector<std::thread> workers;
   {
-    std::unique_lock lock(mutex_);
-    idle_.wait(lock, [&] { return pending_.empty() && running_ == 0; });
+    MutexLock lock(mutex_);
+    idle_.wait(lock, [&]() REQUIRES(mutex_) { return isIdle(); });
     stopping_ = true;
+    workers = std::move(workers_);
   }
   wake_.notify_all();
-  for (auto& t : workers_) t.join();
+  for (auto& t : workers) t.join();
 }
 
 void OperationQueue::addOperation(std::shared_ptr<Operation> op) {
   if (!op) return;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   pending_.push_back(std::move(op));
   if (freeWorkers_ >= pending_.size() || workers_.size() >= kMaxWorkers) {
     wake_.notify_one();
@@ -44,20 +46,20 @@ void OperationQueue::addOperationWithBlock(std::function<void()> block) {
 }
 
 void OperationQueue::waitUntilAllOperationsAreFinished() {
-  std::unique_lock lock(mutex_);
-  idle_.wait(lock, [&] { return pending_.empty() && running_ == 0; });
+  MutexLock lock(mutex_);
+  idle_.wait(lock, [&]() REQUIRES(mutex_) { return isIdle(); });
 }
 
 size_t OperationQueue::operationCount() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return pending_.size() + running_;
 }
 
 void OperationQueue::workerLoop() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   for (;;) {
     ++freeWorkers_;
-    wake_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
+    wake_.wait(lock, [&]() REQUIRES(mutex_) { return stopping_ || !pending_.empty(); });
     --freeWorkers_;
     if (pending_.empty()) return;  // stopping
     auto op = std::move(pending_.front());
@@ -74,7 +76,7 @@ void OperationQueue::workerLoop() {
     op.reset();
     lock.lock();
     --running_;
-    if (pending_.empty() && running_ == 0) idle_.notify_all();
+    if (isIdle()) idle_.notify_all();
   }
 }
 

@@ -12,9 +12,10 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+#include "platform/ThreadAnnotations.h"
 
 namespace hvfp {
 
@@ -44,14 +45,16 @@ class OperationQueue {
  private:
   void workerLoop();
 
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  std::condition_variable idle_;
-  std::deque<std::shared_ptr<Operation>> pending_;
-  std::vector<std::thread> workers_;
-  size_t freeWorkers_ = 0;
-  size_t running_ = 0;
-  bool stopping_ = false;
+  bool isIdle() const REQUIRES(mutex_) { return pending_.empty() && running_ == 0; }
+
+  mutable Mutex mutex_;
+  std::condition_variable_any wake_;
+  std::condition_variable_any idle_;
+  std::deque<std::shared_ptr<Operation>> pending_ GUARDED_BY(mutex_);
+  std::vector<std::thread> workers_ GUARDED_BY(mutex_);
+  size_t freeWorkers_ GUARDED_BY(mutex_) = 0;
+  size_t running_ GUARDED_BY(mutex_) = 0;
+  bool stopping_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace hvfp

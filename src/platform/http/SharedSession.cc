@@ -63,44 +63,25 @@ struct EasyHandle {
   }
 };
 
-thread_local QueryOutcome tLastOutcome;
-thread_local uint64_t tQueriesMade = 0;
-
 }  // namespace
 
-std::string SharedSession::get(const std::string& url) {
+Result<HttpReply> SharedSession::get(const std::string& url) {
   thread_local EasyHandle handle;
-  QueryOutcome& outcome = tLastOutcome;
-  outcome = {};
-  ++tQueriesMade;
   CURL* curl = handle.curl;
-  if (!curl) {
-    outcome.failure = "cannot create a transfer";
-    return {};
-  }
+  if (!curl) return fail("cannot create a transfer");
   Sink sink;
   sink.curl = curl;
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
   CURLcode rc = curl_easy_perform(curl);
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &outcome.httpStatus);
-  if (sink.oversize) {
-    outcome.failure = "reply larger than 256 MiB";
-    return {};
-  }
-  if (rc != CURLE_OK) {
-    outcome.failure = curl_easy_strerror(rc);
-    return {};
-  }
-  if (!simdjson::validate_utf8(sink.body.data(), sink.body.size())) {
-    outcome.failure = "reply is not UTF-8";
-    return {};
-  }
-  outcome.delivered = true;
-  return std::move(sink.body);
+  long status = 0;
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+  auto failed = [status](std::string why) { return fail(int(status), 0, std::move(why)); };
+  if (sink.oversize) return failed("reply larger than 256 MiB");
+  if (rc != CURLE_OK) return failed(curl_easy_strerror(rc));
+  if (!simdjson::validate_utf8(sink.body.data(), sink.body.size()))
+    return failed("reply is not UTF-8");
+  return HttpReply{status, std::move(sink.body)};
 }
-
-QueryOutcome SharedSession::lastOutcome() { return tLastOutcome; }
-uint64_t SharedSession::queriesMade() { return tQueriesMade; }
 
 }  // namespace hvfp

@@ -2,23 +2,22 @@
 //
 // Each calling thread keeps one libcurl easy handle of its own, so its
 // loopback connection to the host stays alive between queries. A transfer
-// gives up after 60 s without progress. The reply body comes back as text;
-// every failure (no connection, time-out, a body that is not UTF-8 or larger
-// than kMaxBody) gives the empty text, as the channel's callers expect.
-// lastOutcome() tells the calling thread how its last query ended, for
-// callers that must tell "no host" from "empty answer" (the console).
+// gives up after 60 s without progress. A reply of any HTTP status is
+// delivered with its body as text; no connection, a time-out, a body that is
+// not UTF-8 or one larger than kMaxBody is a failure whose status is the
+// HTTP status seen (0 when none) and whose message says why.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
+
+#include "platform/Result.h"
 
 namespace hvfp {
 
-struct QueryOutcome {
-  bool delivered = false;  // a complete HTTP reply arrived
-  long httpStatus = 0;     // 0 without a reply
-  std::string failure;     // why nothing usable came, empty when delivered
+struct HttpReply {
+  long status = 0;
+  std::string body;
 };
 
 class SharedSession {
@@ -26,11 +25,7 @@ class SharedSession {
   // A hostile host must not be able to exhaust memory with one reply.
   static constexpr size_t kMaxBody = size_t{256} << 20;
 
-  static std::string get(const std::string& url);
-  static QueryOutcome lastOutcome();
-  // How many queries this thread has made; tells whether lastOutcome() is
-  // about a query made since some earlier moment.
-  static uint64_t queriesMade();
+  static Result<HttpReply> get(const std::string& url);
 };
 
 }  // namespace hvfp

@@ -42,11 +42,12 @@ struct HostEventListener::Impl {
   }
 };
 
-std::unique_ptr<HostEventListener> HostEventListener::start(Callback callback, std::string* why) {
+Result<std::unique_ptr<HostEventListener>> HostEventListener::listen(Callback callback) {
   auto impl = std::make_unique<Impl>();
   impl->callback = std::move(callback);
-  impl->bus = ipc::openSessionBus(why);
-  if (!impl->bus) return nullptr;
+  auto bus = ipc::openSessionBus();
+  if (!bus) return bus.failure();
+  impl->bus = std::move(*bus);
 
   sd_bus_slot* slot = nullptr;
   // Synchronous, so the bus routes events to us once start() returns.
@@ -54,16 +55,18 @@ std::unique_ptr<HostEventListener> HostEventListener::start(Callback callback, s
       sd_bus_match_signal(impl->bus.get(), &slot, nullptr, dbus::kEventPath, dbus::kEventInterface,
                           dbus::kEventMember, &Impl::onSignal, impl.get());
   impl->match.reset(slot);
-  if (r < 0) {
-    if (why) *why = "cannot subscribe to host events: " + ipc::errorText(r);
-    return nullptr;
-  }
-  impl->thread = ipc::BusThread::start(impl->bus.get(), "host events", why);
-  if (!impl->thread) return nullptr;
+  if (r < 0) return fail("cannot subscribe to host events: " + ipc::errorText(r));
+  auto thread = ipc::BusThread::start(impl->bus.get(), "host events");
+  if (!thread) return thread.failure();
+  impl->thread = std::move(*thread);
 
   std::unique_ptr<HostEventListener> listener(new HostEventListener());
   listener->impl_ = std::move(impl);
   return listener;
+}
+
+std::unique_ptr<HostEventListener> HostEventListener::start(Callback callback, std::string* why) {
+  return ipc::orWhy(listen(std::move(callback)), why);
 }
 
 HostEventListener::~HostEventListener() = default;
@@ -73,13 +76,17 @@ struct HostEventEmitter::Impl {
   ipc::BusPtr bus;
 };
 
-std::unique_ptr<HostEventEmitter> HostEventEmitter::open(std::string* why) {
-  auto impl = std::make_unique<Impl>();
-  impl->bus = ipc::openSessionBus(why);
-  if (!impl->bus) return nullptr;
+Result<std::unique_ptr<HostEventEmitter>> HostEventEmitter::open() {
+  auto bus = ipc::openSessionBus();
+  if (!bus) return bus.failure();
   std::unique_ptr<HostEventEmitter> emitter(new HostEventEmitter());
-  emitter->impl_ = std::move(impl);
+  emitter->impl_ = std::make_unique<Impl>();
+  emitter->impl_->bus = std::move(*bus);
   return emitter;
+}
+
+std::unique_ptr<HostEventEmitter> HostEventEmitter::open(std::string* why) {
+  return ipc::orWhy(open(), why);
 }
 
 HostEventEmitter::~HostEventEmitter() = default;

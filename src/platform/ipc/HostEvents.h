@@ -5,9 +5,9 @@
 // receives the event signal and hands each to the callback, on that thread,
 // in arrival order. The callback receives the signal's text argument, or
 // std::nullopt when the signal does not carry exactly one text (the object is
-// not a text). Events sent after start() returns are not missed. The callback
-// must not destroy its own listener (the destructor joins that thread).
-// start() and the destructor may be called from any other thread.
+// not a text). Events sent after listen() returns are not missed. The
+// callback must not destroy its own listener (the destructor joins that
+// thread). listen() and the destructor may be called from any other thread.
 //
 // HostEventEmitter owns its own connection; any thread may call emit(), and
 // the event has left the process when emit() returns.
@@ -18,14 +18,17 @@
 #include <optional>
 #include <string>
 
+#include "platform/Result.h"
+
 namespace hvfp {
 
 class HostEventListener {
  public:
   using Callback = std::function<void(const std::optional<std::string>& object)>;
 
-  // An empty unique_ptr when there is no session bus; `why` then says what
-  // failed, for the one log line the caller writes.
+  // Fails when there is no session bus, saying why.
+  static Result<std::unique_ptr<HostEventListener>> listen(Callback callback);
+  // The older shape, kept until halvo-hostd's tests move to listen().
   static std::unique_ptr<HostEventListener> start(Callback callback, std::string* why = nullptr);
   ~HostEventListener();  // stops the thread and closes the connection
 
@@ -40,8 +43,10 @@ class HostEventListener {
 
 class HostEventEmitter {
  public:
-  // Empty when there is no session bus; `why` as for the listener.
-  static std::unique_ptr<HostEventEmitter> open(std::string* why = nullptr);
+  // Fails when there is no session bus, saying why.
+  static Result<std::unique_ptr<HostEventEmitter>> open();
+  // The older shape, kept until halvo-hostd moves to open().
+  static std::unique_ptr<HostEventEmitter> open(std::string* why);
   ~HostEventEmitter();
 
   // Sends one event whose object is `json`; false when the bus refused it

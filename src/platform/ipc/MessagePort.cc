@@ -49,8 +49,9 @@ struct MessagePortRemote::Impl {
 
 std::unique_ptr<MessagePortRemote> MessagePortRemote::create(const std::string& name) {
   auto impl = std::make_unique<Impl>();
-  impl->bus = ipc::openSessionBus(nullptr);
-  if (!impl->bus) return nullptr;
+  auto bus = ipc::openSessionBus();
+  if (!bus) return nullptr;
+  impl->bus = std::move(*bus);
 
   ErrorHolder error;
   sd_bus_message* raw = nullptr;
@@ -150,8 +151,8 @@ struct MessagePortServer::Impl {
   }
 };
 
-std::unique_ptr<MessagePortServer> MessagePortServer::start(const std::string& name,
-                                                            Handler handler, std::string* why) {
+Result<std::unique_ptr<MessagePortServer>> MessagePortServer::start(const std::string& name,
+                                                                    Handler handler) {
   // sd-bus keeps the pointer, so the table must outlive every server.
   static const sd_bus_vtable kVtable[] = {
       SD_BUS_VTABLE_START(0),
@@ -163,35 +164,36 @@ std::unique_ptr<MessagePortServer> MessagePortServer::start(const std::string& n
   auto impl = std::make_unique<Impl>();
   impl->handler = std::move(handler);
   impl->name = name;
-  impl->bus = ipc::openSessionBus(why);
-  if (!impl->bus) return nullptr;
+  auto bus = ipc::openSessionBus();
+  if (!bus) return bus.failure();
+  impl->bus = std::move(*bus);
 
   // The object exists before the name does, so no early caller finds the name without it.
   sd_bus_slot* slot = nullptr;
   int r = sd_bus_add_object_vtable(impl->bus.get(), &slot, dbus::kPortPath, dbus::kPortInterface,
                                    kVtable, impl.get());
   impl->object.reset(slot);
-  if (r < 0) {
-    if (why) *why = "cannot export the message port object: " + ipc::errorText(r);
-    return nullptr;
-  }
+  if (r < 0) return fail("cannot export the message port object: " + ipc::errorText(r));
 
   r = sd_bus_request_name(impl->bus.get(), name.c_str(), 0);
   if (r < 0) {
-    if (why) {
-      *why = r == -EEXIST ? "the bus name " + name + " is already owned"
-                          : "cannot own the bus name " + name + ": " + ipc::errorText(r);
-    }
-    return nullptr;
+    return fail(r == -EEXIST ? "the bus name " + name + " is already owned"
+                             : "cannot own the bus name " + name + ": " + ipc::errorText(r));
   }
   impl->ownsName = true;
 
-  impl->thread = ipc::BusThread::start(impl->bus.get(), "message port " + name, why);
-  if (!impl->thread) return nullptr;
+  auto thread = ipc::BusThread::start(impl->bus.get(), "message port " + name);
+  if (!thread) return thread.failure();
+  impl->thread = std::move(*thread);
 
   std::unique_ptr<MessagePortServer> server(new MessagePortServer());
   server->impl_ = std::move(impl);
   return server;
+}
+
+std::unique_ptr<MessagePortServer> MessagePortServer::start(const std::string& name,
+                                                            Handler handler, std::string* why) {
+  return ipc::orWhy(start(name, std::move(handler)), why);
 }
 
 MessagePortServer::~MessagePortServer() = default;

@@ -19,6 +19,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/Result.h"
+
 namespace hvfp {
 
 class MessagePortRemote {
@@ -40,9 +42,11 @@ class MessagePortServer {
  public:
   using Handler = std::function<std::string(int32_t msgid, const std::string& data)>;
 
-  // Empty when there is no session bus or the name is taken.
+  // Fails when there is no session bus or the name is taken, saying why.
+  static Result<std::unique_ptr<MessagePortServer>> start(const std::string& name, Handler handler);
+  // The older shape, kept until halvo-hostd moves to the one above.
   static std::unique_ptr<MessagePortServer> start(const std::string& name, Handler handler,
-                                                  std::string* why = nullptr);
+                                                  std::string* why);
   ~MessagePortServer();  // releases the name and stops the thread
 
  private:

@@ -20,35 +20,26 @@ std::string errorText(int negativeErrno) {
   return strerror_r(negativeErrno < 0 ? -negativeErrno : negativeErrno, buffer, sizeof buffer);
 }
 
-BusPtr openSessionBus(std::string* why) {
+Result<BusPtr> openSessionBus() {
   sd_bus* raw = nullptr;
   int r = sd_bus_open_user(&raw);
   BusPtr bus(raw);
-  if (r < 0) {
-    if (why) *why = "cannot connect to the session bus: " + errorText(r);
-    return nullptr;
-  }
+  if (r < 0) return fail("cannot connect to the session bus: " + errorText(r));
   const char* unique = nullptr;
   r = sd_bus_get_unique_name(bus.get(), &unique);
-  if (r < 0) {
-    if (why) *why = "the session bus did not accept the connection: " + errorText(r);
-    return nullptr;
-  }
+  if (r < 0) return fail("the session bus did not accept the connection: " + errorText(r));
   return bus;
 }
 
-std::unique_ptr<BusThread> BusThread::start(sd_bus* bus, std::string label, std::string* why) {
+Result<std::unique_ptr<BusThread>> BusThread::start(sd_bus* bus, std::string label) {
   int wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wakeFd < 0) {
-    if (why) *why = "eventfd: " + errorText(errno);
-    return nullptr;
-  }
+  if (wakeFd < 0) return fail("eventfd: " + errorText(errno));
   std::unique_ptr<BusThread> self(new BusThread(bus, std::move(label), wakeFd));
   try {
     self->thread_ = std::thread([raw = self.get()] { raw->run(); });
   } catch (const std::system_error& e) {
-    if (why) *why = std::string("cannot start the bus thread: ") + e.what();
-    return nullptr;  // the destructor closes wakeFd; there is no thread to join
+    // The destructor closes wakeFd; there is no thread to join.
+    return fail(std::string("cannot start the bus thread: ") + e.what());
   }
   return self;
 }

@@ -17,6 +17,8 @@
 #include <string>
 #include <thread>
 
+#include "platform/Result.h"
+
 namespace hvfp::ipc {
 
 struct BusCloser {
@@ -39,14 +41,23 @@ std::string errorText(int negativeErrno);
 
 // A connection to the session bus with the handshake done, so a bus that
 // accepts the socket but never answers shows up here rather than later.
-// Empty on failure, with `why` filled when given.
-BusPtr openSessionBus(std::string* why);
+// The failure says why there is none.
+Result<BusPtr> openSessionBus();
+
+// For the entry points of the older shape, which report a failure through
+// an out-text.
+template <typename T>
+std::unique_ptr<T> orWhy(Result<std::unique_ptr<T>> result, std::string* why) {
+  if (result) return std::move(*result);
+  if (why) *why = result.failure().message;
+  return nullptr;
+}
 
 class BusThread {
  public:
   // `bus` must outlive the BusThread. `label` starts the log line written
   // when the connection breaks.
-  static std::unique_ptr<BusThread> start(sd_bus* bus, std::string label, std::string* why);
+  static Result<std::unique_ptr<BusThread>> start(sd_bus* bus, std::string label);
   ~BusThread();  // wakes the thread and joins it; a running handler finishes first
 
   BusThread(const BusThread&) = delete;
