@@ -151,7 +151,7 @@ int Console::watch(const std::atomic<bool>& stop) {
     inbox.wake.notify_one();
   });
   err_ << "watching host events; Ctrl-C to stop\n";
-  std::map<std::string, std::shared_ptr<FileProviderEnumerator>> enumerators;
+  std::map<std::string, NSFileProviderEnumeratorRef> enumerators;
   auto report = [&](const std::string& container) {
     out_ << "signalled " << container << '\n';
     auto& enumerator = enumerators[container];

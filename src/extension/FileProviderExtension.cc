@@ -27,7 +27,7 @@ FileProviderExtension::FileProviderExtension(HalvoProviderClient& client,
 // Waits for queued tasks: they hold handlers the framework expects called.
 FileProviderExtension::~FileProviderExtension() = default;
 
-std::shared_ptr<FileProviderEnumerator> FileProviderExtension::enumeratorForContainerItemIdentifier(
+NSFileProviderEnumeratorRef FileProviderExtension::enumeratorForContainerItemIdentifier(
     const std::string& containerItemIdentifier, const NSFileProviderRequest& request,
     Error* error) {
   (void)request;
@@ -53,6 +53,39 @@ std::shared_ptr<Progress> FileProviderExtension::itemForIdentifier(
     else
       completionHandler(nullptr, Error::cocoa(ErrorCode::LookupFailed));
   }
+  return Progress::make();
+}
+
+// Not built yet: every handler still gets its one answer.
+std::shared_ptr<Progress> FileProviderExtension::fetchContentsForItemWithIdentifier(
+    const std::string&, const std::optional<NSFileProviderItemVersion>&,
+    const NSFileProviderRequest&, NSFileProviderFetchHandler completionHandler) {
+  if (completionHandler)
+    completionHandler(std::nullopt, nullptr, Error::cocoa(ErrorCode::FeatureUnsupported));
+  return Progress::make();
+}
+
+std::shared_ptr<Progress> FileProviderExtension::createItemBasedOnTemplate(
+    NSFileProviderItem&, uint64_t, const std::optional<std::string>&, uint64_t,
+    const NSFileProviderRequest&, NSFileProviderItemChangeHandler completionHandler) {
+  if (completionHandler)
+    completionHandler(nullptr, 0, false, Error::cocoa(ErrorCode::FeatureUnsupported));
+  return Progress::make();
+}
+
+std::shared_ptr<Progress> FileProviderExtension::modifyItem(
+    NSFileProviderItem&, const std::optional<NSFileProviderItemVersion>&, uint64_t,
+    const std::optional<std::string>&, uint64_t, const NSFileProviderRequest&,
+    NSFileProviderItemChangeHandler completionHandler) {
+  if (completionHandler)
+    completionHandler(nullptr, 0, false, Error::cocoa(ErrorCode::FeatureUnsupported));
+  return Progress::make();
+}
+
+std::shared_ptr<Progress> FileProviderExtension::deleteItemWithIdentifier(
+    const std::string&, const std::optional<NSFileProviderItemVersion>&, uint64_t,
+    const NSFileProviderRequest&, NSFileProviderDeleteHandler completionHandler) {
+  if (completionHandler) completionHandler(std::nullopt);
   return Progress::make();
 }
 

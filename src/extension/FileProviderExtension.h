@@ -1,7 +1,8 @@
 // FileProviderExtension: the framework's entry into the provider for one
-// domain. It hands out enumerators, answers item lookups from the host, and
-// (in later work) turns fetches, creations, modifications and deletions into
-// tasks on its task queue or the client's upload queue.
+// domain (NSFileProviderReplicatedExtension). It hands out enumerators,
+// answers item lookups from the host, and turns fetches, creations,
+// modifications and deletions into tasks on its task queue or the client's
+// upload queue.
 //
 // Ownership: made once per domain by whoever plays the framework (the driver,
 // the console) and kept for the life of the domain. It owns mTaskQueue; the
@@ -30,10 +31,9 @@ namespace hvfp {
 
 class HalvoProviderClient;
 
-class FileProviderExtension {
+class FileProviderExtension final : public NSFileProviderReplicatedExtension {
  public:
-  using ItemCompletionHandler =
-      std::function<void(std::shared_ptr<NSFileProviderItem> item, std::optional<Error> error)>;
+  using ItemCompletionHandler = NSFileProviderItemHandler;
 
   // initWithDomain: starts `client` for the domain.
   FileProviderExtension(HalvoProviderClient& client, const NSFileProviderDomain& domain);
@@ -47,20 +47,44 @@ class FileProviderExtension {
 
   // The client, queues and running tasks are left alone: the process ends
   // with the extension.
-  void invalidate() {}
+  void invalidate() override {}
 
-  // Never fails and never asks the host; each enumerator gets the next
-  // anchor. `error` is never written.
-  std::shared_ptr<FileProviderEnumerator> enumeratorForContainerItemIdentifier(
+  // Never fails and never asks the host; each enumerator (a
+  // FileProviderEnumerator) gets the next anchor. `error` is never written.
+  NSFileProviderEnumeratorRef enumeratorForContainerItemIdentifier(
       const std::string& containerItemIdentifier, const NSFileProviderRequest& request,
-      Error* error);
+      Error* error) override;
 
   // The handler runs exactly once, before the return: with the item, or with
   // NSCocoaErrorDomain 4610 when the host does not confirm the identifier.
   // The progress returned is connected to nothing.
   std::shared_ptr<Progress> itemForIdentifier(const std::string& identifier,
                                               const NSFileProviderRequest& request,
-                                              ItemCompletionHandler completionHandler);
+                                              ItemCompletionHandler completionHandler) override;
+
+  // A download task on mTaskQueue; returns before any host query.
+  std::shared_ptr<Progress> fetchContentsForItemWithIdentifier(
+      const std::string& itemIdentifier,
+      const std::optional<NSFileProviderItemVersion>& requestedVersion,
+      const NSFileProviderRequest& request, NSFileProviderFetchHandler completionHandler) override;
+  // An upload task on the client's upload queue.
+  std::shared_ptr<Progress> createItemBasedOnTemplate(
+      NSFileProviderItem& itemTemplate, uint64_t fields, const std::optional<std::string>& contents,
+      uint64_t options, const NSFileProviderRequest& request,
+      NSFileProviderItemChangeHandler completionHandler) override;
+  // One task chosen by the changed fields, or an answer from the host's
+  // record when none of contents, name or parent changed.
+  std::shared_ptr<Progress> modifyItem(NSFileProviderItem& item,
+                                       const std::optional<NSFileProviderItemVersion>& baseVersion,
+                                       uint64_t changedFields,
+                                       const std::optional<std::string>& contents, uint64_t options,
+                                       const NSFileProviderRequest& request,
+                                       NSFileProviderItemChangeHandler completionHandler) override;
+  // Tells the host to drop its sync record; always succeeds, before the return.
+  std::shared_ptr<Progress> deleteItemWithIdentifier(
+      const std::string& itemIdentifier,
+      const std::optional<NSFileProviderItemVersion>& baseVersion, uint64_t options,
+      const NSFileProviderRequest& request, NSFileProviderDeleteHandler completionHandler) override;
 
  private:
   HalvoProviderClient& client_;

@@ -106,7 +106,8 @@ class ExtensionTest : public ::testing::Test {
   }
 
   std::shared_ptr<FileProviderEnumerator> enumerator(const std::string& container) {
-    return extension->enumeratorForContainerItemIdentifier(container, {}, nullptr);
+    return std::static_pointer_cast<FileProviderEnumerator>(
+        extension->enumeratorForContainerItemIdentifier(container, {}, nullptr));
   }
   // A listing of `container` against the next queued reply.
   RecordingObserver listing(const std::string& container) {

@@ -50,7 +50,7 @@ TEST_F(ExtensionLookup, AnswersOnceWithTheItemOr4610) {
                   R"("up_hash":"u","webpath":"a.txt","filehash":"f","filesize":1,"status":0})"});
   server.enqueue({200, R"({"status_code":404,"error_code":0})"});
   for (const std::string& id : {std::string("5/h1"), kRoot, kTrash, kWorkingSet}) {
-    LookupResult r = lookup(id, {true, false});
+    LookupResult r = lookup(id, {true, false, std::nullopt});
     ASSERT_TRUE(r.item);
     EXPECT_EQ(r.item->itemIdentifier(), id);
     EXPECT_EQ(r.error, std::nullopt);
@@ -67,7 +67,7 @@ TEST_F(ExtensionLookup, AnswersOnceWithTheItemOr4610) {
   EXPECT_EQ(server.queries(), (Lines{"type=fileinfo&uuidhash=h1&mount_id=5",
                                      "type=fileinfo&uuidhash=h2&mount_id=5"}));
   client.setNPort(unusedLoopbackPort());
-  failed.push_back(lookup("5/h1", {true, false}));
+  failed.push_back(lookup("5/h1", {true, false, std::nullopt}));
   for (const auto& r : failed) {
     EXPECT_EQ(r.item, nullptr);
     EXPECT_EQ(r.error, (Error{"NSCocoaErrorDomain", 4610, {}}));

@@ -18,6 +18,7 @@
 
 #include "platform/ContentType.h"
 #include "platform/Error.h"
+#include "platform/Progress.h"
 #include "platform/fileprovider/ContainerIdentifiers.h"
 
 namespace hvfp {
@@ -30,6 +31,8 @@ struct NSFileProviderDomain {
 struct NSFileProviderRequest {
   bool isSystemRequest = false;
   bool isFileViewerRequest = false;
+  // The program that asked, when the framework knows it (a path).
+  std::optional<std::string> requestingExecutable;
 };
 
 // Fields of an item that a creation or modification names.
@@ -98,5 +101,53 @@ class NSFileProviderEnumerator {
 };
 
 using NSFileProviderEnumeratorRef = std::shared_ptr<NSFileProviderEnumerator>;
+
+// The completion handlers the framework hands to the extension. Each is
+// called exactly once. File locations are file-system paths.
+using NSFileProviderItemHandler =
+    std::function<void(NSFileProviderItemRef item, std::optional<Error> error)>;
+using NSFileProviderFetchHandler = std::function<void(
+    std::optional<std::string> fileURL, NSFileProviderItemRef item, std::optional<Error> error)>;
+using NSFileProviderItemChangeHandler =
+    std::function<void(NSFileProviderItemRef item, uint64_t stillPendingFields,
+                       bool shouldFetchContent, std::optional<Error> error)>;
+using NSFileProviderDeleteHandler = std::function<void(std::optional<Error> error)>;
+
+// The replicated extension as the framework drives it: lookups, enumerators,
+// content fetches, creations, modifications and deletions. Whoever plays the
+// framework (the FUSE driver, the console) talks to the provider through
+// this interface only. Every call may come from any thread, several at once;
+// each returns a progress object at once or after the work that completes
+// before the return, and its handler is called exactly once.
+class NSFileProviderReplicatedExtension {
+ public:
+  virtual ~NSFileProviderReplicatedExtension() = default;
+
+  virtual void invalidate() = 0;
+  // NSFileProviderEnumerating.
+  virtual NSFileProviderEnumeratorRef enumeratorForContainerItemIdentifier(
+      const std::string& containerItemIdentifier, const NSFileProviderRequest& request,
+      Error* error) = 0;
+  virtual std::shared_ptr<Progress> itemForIdentifier(
+      const std::string& identifier, const NSFileProviderRequest& request,
+      NSFileProviderItemHandler completionHandler) = 0;
+  virtual std::shared_ptr<Progress> fetchContentsForItemWithIdentifier(
+      const std::string& itemIdentifier,
+      const std::optional<NSFileProviderItemVersion>& requestedVersion,
+      const NSFileProviderRequest& request, NSFileProviderFetchHandler completionHandler) = 0;
+  // `contents` is the path of the new contents, none for folders.
+  virtual std::shared_ptr<Progress> createItemBasedOnTemplate(
+      NSFileProviderItem& itemTemplate, uint64_t fields, const std::optional<std::string>& contents,
+      uint64_t options, const NSFileProviderRequest& request,
+      NSFileProviderItemChangeHandler completionHandler) = 0;
+  virtual std::shared_ptr<Progress> modifyItem(
+      NSFileProviderItem& item, const std::optional<NSFileProviderItemVersion>& baseVersion,
+      uint64_t changedFields, const std::optional<std::string>& contents, uint64_t options,
+      const NSFileProviderRequest& request, NSFileProviderItemChangeHandler completionHandler) = 0;
+  virtual std::shared_ptr<Progress> deleteItemWithIdentifier(
+      const std::string& itemIdentifier,
+      const std::optional<NSFileProviderItemVersion>& baseVersion, uint64_t options,
+      const NSFileProviderRequest& request, NSFileProviderDeleteHandler completionHandler) = 0;
+};
 
 }  // namespace hvfp
