@@ -128,6 +128,38 @@ class HalvoProviderClient {
   RetOpenRef getDownloadInfo(int64_t mountId, const std::string& uuidhash) const;
   RetOpenRef getDownloadInfo(const std::string& identifier) const;
 
+  // --- mutations ----------------------------------------------------------
+  // The four with a reply give none for a provisional identifier (and, for
+  // deleteFile and recoverFile, for a mount root) without asking the host,
+  // and none when the reply is not a JSON object; the record's status is for
+  // the caller to judge. The three notices send and read nothing back.
+  RetNameFileRef renameFile(const std::string& identifier, const std::string& filename) const;
+  RetMoveFileRef removeFile(const std::string& identifier,
+                            const std::string& parentIdentifier) const;
+  RequestRetRef deleteFile(const std::string& identifier) const;
+  RequestRetRef recoverFile(const std::string& identifier) const;
+  void addFileToCache(const std::string& path, const std::string& filehash) const;
+  void updateStauts(const std::string& identifier, int64_t status) const;
+  void deleteSyncDB(const std::string& identifier) const;
+
+  // --- upload control ---------------------------------------------------
+  // Each gives none when the reply is not a JSON object. Absent or empty
+  // host, session, storage point and cookie are sent as empty values.
+  RetCreateFileRef createFile(int64_t mountId, const std::string& webpath, bool dir,
+                              const std::string& filehash, uint64_t filesize, uint64_t createtime,
+                              uint64_t lasttime) const;
+  RetUploadInitRef uploadInit(const std::string& host, const std::string& fileName,
+                              const std::string& pathHash, const std::string& fileHash,
+                              uint64_t fileSize, int64_t mountid,
+                              const std::optional<std::string>& storagepoint,
+                              const std::optional<std::string>& cookie) const;
+  RetUploadReqRef uploadReq(const std::string& host, const std::optional<std::string>& session,
+                            const std::optional<std::string>& cookie) const;
+  RequestRetRef uploadFinish(const std::string& host, const std::optional<std::string>& session,
+                             uint64_t filesize, const std::optional<std::string>& cookie) const;
+  RequestRetRef uploadAbort(const std::string& host, const std::optional<std::string>& session,
+                            const std::optional<std::string>& cookie) const;
+
   // --- registries -------------------------------------------------------
   // Pending additions: folders made in the domain that the host may not
   // know yet, keyed by the identifier the framework gave them.
@@ -142,6 +174,13 @@ class HalvoProviderClient {
  private:
   std::vector<HVFileItemRef> listing(const QueryList& list, uint64_t* lasttime) const;
   std::string lookup(const QueryList& list) const;
+  // One record from a bounded reply; none when it is not a JSON object.
+  template <typename Record>
+  std::shared_ptr<Record> requestRecord(const QueryList& list) const {
+    auto parsed = objectFromJSONString(lookup(list));
+    if (!parsed || !parsed->isObject()) return nullptr;
+    return initWithJson<Record>(*parsed);
+  }
   // The container the event signalled, if it signalled one.
   std::optional<std::string> handleEvent(const std::optional<std::string>& object);
 

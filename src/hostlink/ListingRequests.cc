@@ -39,18 +39,6 @@ std::string HalvoProviderClient::lookup(const QueryList& list) const {
   return reply;
 }
 
-namespace {
-
-// One record from a lookup reply; none when the reply is not a JSON object.
-template <typename Record>
-std::shared_ptr<Record> recordFrom(const std::string& reply) {
-  auto parsed = objectFromJSONString(reply);
-  if (!parsed || !parsed->isObject()) return nullptr;
-  return initWithJson<Record>(*parsed);
-}
-
-}  // namespace
-
 std::vector<HVFileItemRef> HalvoProviderClient::getLinks() const {
   auto records = listing(typeQuery("links"), nullptr);
   for (auto& record : records) {
@@ -84,7 +72,7 @@ std::vector<HVFileItemRef> HalvoProviderClient::getChangeFiles(uint64_t& lasttim
 }
 
 HVFileItemRef HalvoProviderClient::getFileInfo(int64_t mountId, const std::string& uuidhash) const {
-  return recordFrom<HVFileItem>(lookup(itemQuery("fileinfo", mountId, uuidhash)));
+  return requestRecord<HVFileItem>(itemQuery("fileinfo", mountId, uuidhash));
 }
 
 HVFileItemRef HalvoProviderClient::getFileInfo(const std::string& identifier) const {
@@ -95,7 +83,7 @@ HVFileItemRef HalvoProviderClient::getFileInfo(const std::string& identifier) co
 
 RetOpenRef HalvoProviderClient::getDownloadInfo(int64_t mountId,
                                                 const std::string& uuidhash) const {
-  return recordFrom<RetOpen>(lookup(itemQuery("download", mountId, uuidhash)));
+  return requestRecord<RetOpen>(itemQuery("download", mountId, uuidhash));
 }
 
 RetOpenRef HalvoProviderClient::getDownloadInfo(const std::string& identifier) const {
