@@ -74,11 +74,12 @@ QueryOutcome HalvoProviderClient::lastOutcome() const {
   return lastOutcome_;
 }
 
-AddFileInfoRef HalvoProviderClient::getAddFileInfo(const std::string& identifier) const {
+std::optional<AddFileInfo> HalvoProviderClient::getAddFileInfo(
+    const std::string& identifier) const {
   MutexLock lock(mLock);
   for (const auto& entry : mMutableArray)
-    if (entry->itemidentifier == identifier) return entry;
-  return nullptr;
+    if (entry->itemidentifier == identifier) return *entry;
+  return std::nullopt;
 }
 
 void HalvoProviderClient::addAddFileInFo(const AddFileInfoRef& info) {

@@ -163,7 +163,10 @@ class HalvoProviderClient {
   // --- registries -------------------------------------------------------
   // Pending additions: folders made in the domain that the host may not
   // know yet, keyed by the identifier the framework gave them.
-  AddFileInfoRef getAddFileInfo(const std::string& identifier) const;
+  // A copy of the entry, taken under the list's lock: a later registration
+  // of the same identifier updates the stored entry in place, and upload
+  // tasks on other threads read what they were given.
+  std::optional<AddFileInfo> getAddFileInfo(const std::string& identifier) const;
   void addAddFileInFo(const AddFileInfoRef& info);
   // Root renames: display names enumeration gave mount roots.
   void addRootChangeName(const RootChangeNameRef& entry);
