@@ -3,6 +3,7 @@
 #include "hostlink/HalvoProviderClient.h"
 #include "item/FileProviderItem.h"
 #include "platform/Log.h"
+#include "tasks/DownloadTask.h"
 
 namespace hvfp {
 namespace {
@@ -56,13 +57,17 @@ std::shared_ptr<Progress> FileProviderExtension::itemForIdentifier(
   return Progress::make();
 }
 
-// Not built yet: every handler still gets its one answer.
+// The version asked for is not compared: the contents the host names when the
+// task runs are the ones delivered.
 std::shared_ptr<Progress> FileProviderExtension::fetchContentsForItemWithIdentifier(
-    const std::string&, const std::optional<NSFileProviderItemVersion>&,
+    const std::string& itemIdentifier, const std::optional<NSFileProviderItemVersion>&,
     const NSFileProviderRequest&, NSFileProviderFetchHandler completionHandler) {
-  if (completionHandler)
-    completionHandler(std::nullopt, nullptr, Error::cocoa(ErrorCode::FeatureUnsupported));
-  return Progress::make();
+  auto progress = Progress::make();
+  auto task = std::make_shared<DownloadTask>(client_, *mTaskQueue_, itemIdentifier);
+  task->setMProgress(progress);
+  task->setDownloadHandler(std::move(completionHandler));
+  mTaskQueue_->addOperation(std::move(task));
+  return progress;
 }
 
 std::shared_ptr<Progress> FileProviderExtension::createItemBasedOnTemplate(
