@@ -72,9 +72,8 @@ void listing(const fs::path& root) {
   c.useBus = false;
   c.quiet = true;
   Host host(c);
-  std::string why;
-  if (!host.start(&why)) {
-    std::printf("listing: %s\n", why.c_str());
+  if (auto started = host.start(); !started.ok()) {
+    std::printf("listing: %s\n", started.failure().message.c_str());
     return;
   }
   auto m = host.store().addMount("Bench", 1);

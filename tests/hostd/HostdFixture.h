@@ -151,8 +151,8 @@ class HostFixture : public ::testing::Test {
                  .seed = "sample"};
     configure(c);
     host_ = std::make_unique<Host>(c);
-    std::string why;
-    ASSERT_TRUE(host_->start(&why)) << why;
+    auto started = host_->start();
+    ASSERT_TRUE(started.ok()) << started.failure().message;
     client_ = std::make_unique<httplib::Client>("127.0.0.1", host_->queryPort());
     admin_ = std::make_unique<httplib::Client>("127.0.0.1", host_->adminPort());
   }
