@@ -51,18 +51,21 @@ std::string expectBody(uint64_t expect) {
   return out;
 }
 
+// Inclusive at both ends. The default is empty: no valid range.
 struct ByteRange {
-  uint64_t first = 0;
+  uint64_t first = 1;
   uint64_t last = 0;
+  bool empty() const { return last < first; }
+  uint64_t length() const { return empty() ? 0 : last - first + 1; }
 };
 
-// "first-last", both inclusive.
-std::optional<ByteRange> parseRange(std::string_view text) {
+// "first-last"; empty when the text is not that.
+ByteRange parseRange(std::string_view text) {
   auto dash = text.find('-');
-  if (dash == std::string_view::npos) return std::nullopt;
+  if (dash == std::string_view::npos) return {};
   auto first = wire::parseDecimal(text.substr(0, dash));
   auto last = wire::parseDecimal(text.substr(dash + 1));
-  if (!first || !last || *last < *first) return std::nullopt;
+  if (!first || !last) return {};
   return ByteRange{*first, *last};
 }
 
@@ -105,7 +108,7 @@ struct UploadServer::PieceRequest {
   ByteRange range;
   bool expectContinue = false;
   bool clientKeepsAlive = true;
-  uint64_t length() const { return range.last - range.first + 1; }
+  uint64_t length() const { return range.length(); }
 };
 
 UploadServer::UploadServer(std::string bindAddress, int port, UploadSessions& sessions,
@@ -252,16 +255,17 @@ std::optional<UploadServer::PieceRequest> UploadServer::validate(Exchange& ex,
   if (req->method != "PUT") return refuse(405, kBadRequest, "only PUT");
   if (req->path != "/upload_part") return refuse(404, kNotFound, "no such path");
   auto cl = req->header("content-length");
-  auto length = cl ? wire::parseDecimal(*cl) : std::nullopt;
-  if (req->header("transfer-encoding") || !length)
+  auto announced = cl ? wire::parseDecimal(*cl) : std::nullopt;
+  if (req->header("transfer-encoding") || !announced)
     return refuse(411, kBadRequest, "Content-Length required");
-  if (*length > kMaxPiece) return refuse(413, kBadRequest, "piece too large");
+  const uint64_t length = announced.value_or(0);
+  if (length > kMaxPiece) return refuse(413, kBadRequest, "piece too large");
   if (auto r = req->header("x-tb-upload-range")) ex.range = *r;
   auto session = req->header("x-tb-upload-session");
-  auto range = parseRange(ex.range);
-  if (!session || !range || range->last - range->first + 1 != *length)
+  const ByteRange range = parseRange(ex.range);
+  if (!session || range.empty() || range.length() != length)
     return refuse(400, kBadRequest, "bad x-tb-upload-session or x-tb-upload-range");
-  PieceRequest piece{*session, *range};
+  PieceRequest piece{*session, range};
   auto expect = req->header("expect");
   piece.expectContinue = expect && wire::equalsIgnoreCase(*expect, "100-continue");
   auto connection = req->header("connection");
