@@ -9,6 +9,8 @@ namespace hvfp::hostd {
 
 namespace fs = std::filesystem;
 
+// `row` and `partial` never change; the rest is read and written only with
+// UploadSessions::mutex_ held.
 struct PieceWriter::Session {
   SessionRow row;
   fs::path partial;
