@@ -72,14 +72,16 @@ void listing(const fs::path& root) {
   c.useBus = false;
   c.quiet = true;
   Host host(c);
-  std::string why;
-  if (!host.start(&why)) {
-    std::printf("listing: %s\n", why.c_str());
+  if (auto started = host.start(); !started.ok()) {
+    std::printf("listing: %s\n", started.failure().message.c_str());
     return;
   }
   auto m = host.store().addMount("Bench", 1);
   auto folder = host.store().makeFolder(m->id, "big", 1, 1);
-  host.store().addManyFiles(m->id, folder->uuid, 100000, "file-", sha1Hex("x"), 1);
+  if (!host.store().addManyFiles(m->id, folder->uuid, 100000, "file-", sha1Hex("x"), 1).ok()) {
+    std::printf("listing: cannot fill the folder\n");
+    return;
+  }
   httplib::Client client("127.0.0.1", host.queryPort());
   client.set_read_timeout(60, 0);
   std::string path =
@@ -135,10 +137,12 @@ void memory(const fs::path& root) {
   std::string bigHash;
   {
     // A 4 GiB blob of zeros, sparse on disk; its name is its real SHA-1.
-    std::string why;
-    auto store = Store::open(hroot / "hostd.sqlite", &why);
+    auto store = Store::open(hroot / "hostd.sqlite");
     BlobStore blobs(hroot);
-    blobs.prepare(&why);
+    if (!store.ok() || !blobs.prepare().ok()) {
+      std::printf("memory: cannot prepare the store\n");
+      return;
+    }
     Sha1 h;
     std::vector<char> zeros(kPiece, 0);
     for (uint64_t done = 0; done < kBig; done += zeros.size()) h.update(zeros.data(), zeros.size());
@@ -147,9 +151,12 @@ void memory(const fs::path& root) {
     int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT, 0644);
     if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(kBig)) != 0) return;
     ::close(fd);
-    blobs.adopt(tmp, bigHash);
-    auto m = store->addMount("Bench", 1);
-    placeBlob(*store, m->id, "zeros.bin", bigHash, kBig, 1);
+    auto m = (*store)->addMount("Bench", 1);
+    if (!blobs.adopt(tmp, bigHash).ok() || !m.ok() ||
+        !placeBlob(**store, m->id, "zeros.bin", bigHash, kBig, 1).ok()) {
+      std::printf("memory: cannot place the blob\n");
+      return;
+    }
   }
   pid_t pid = spawnHost(hroot);
   auto ports = waitPorts(hroot);

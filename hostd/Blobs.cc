@@ -1,7 +1,9 @@
 #include "Blobs.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <vector>
@@ -39,6 +41,28 @@ void syncDir(const fs::path& dir) {
 
 Failure storageFailure(const std::string& what) { return fail(500, kStorage, what); }
 
+// Kernel file systems whose files report sizes that have nothing to do with
+// what a read returns, or whose reads have effects.
+bool isPseudoFileSystem(unsigned long type) {
+  switch (type) {
+    case PROC_SUPER_MAGIC:
+    case SYSFS_MAGIC:
+    case DEBUGFS_MAGIC:
+    case TRACEFS_MAGIC:
+    case SECURITYFS_MAGIC:
+    case CGROUP_SUPER_MAGIC:
+    case CGROUP2_SUPER_MAGIC:
+    case BPF_FS_MAGIC:
+    case DEVPTS_SUPER_MAGIC:
+    case EFIVARFS_MAGIC:
+    case PSTOREFS_MAGIC:
+    case 0x62656570:  // configfs
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 void fillGenerated(char* out, size_t size, uint64_t offset, uint64_t seed) {
@@ -53,18 +77,15 @@ void fillGenerated(char* out, size_t size, uint64_t offset, uint64_t seed) {
 
 BlobStore::BlobStore(fs::path root) : root_(std::move(root)) {}
 
-bool BlobStore::prepare(std::string* why) {
+Result<void> BlobStore::prepare() {
   std::error_code ec;
   for (auto sub : {"blobs", "tmp", "partial"}) {
     fs::create_directories(root_ / sub, ec);
-    if (ec) {
-      if (why) *why = "cannot create " + (root_ / sub).string() + ": " + ec.message();
-      return false;
-    }
+    if (ec) return storageFailure("cannot create " + (root_ / sub).string() + ": " + ec.message());
   }
   // Leftovers of an interrupted ingest are never referenced; drop them.
   for (auto& e : fs::directory_iterator(root_ / "tmp", ec)) fs::remove(e.path(), ec);
-  return true;
+  return {};
 }
 
 fs::path BlobStore::pathOf(std::string_view sha1) const {
@@ -99,16 +120,38 @@ Result<std::string> BlobStore::adopt(const fs::path& assembled, std::string_view
   return std::string(sha1);
 }
 
+namespace {
+
+// A source that is a regular file on a real file system, opened without side
+// effects (no device or FIFO is ever opened), or the reason to refuse it.
+Result<int> openSource(const fs::path& source, struct stat& st) {
+  if (::stat(source.c_str(), &st) != 0) return fail(404, kNotFound, "cannot open path for reading");
+  if (!S_ISREG(st.st_mode)) return fail(400, kBadRequest, "path is not a regular file");
+  int fd = ::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return fail(404, kNotFound, "cannot open path for reading");
+  struct stat opened {};
+  struct statfs fsInfo {};
+  Result<int> out = fd;
+  if (::fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode) || opened.st_dev != st.st_dev ||
+      opened.st_ino != st.st_ino)
+    out = fail(400, kBadRequest, "path changed while it was opened");
+  else if (::fstatfs(fd, &fsInfo) != 0 ||
+           isPseudoFileSystem(static_cast<unsigned long>(fsInfo.f_type)))
+    out = fail(400, kBadRequest, "path is not on a disk file system");
+  if (!out.ok()) ::close(fd);
+  st = opened;
+  return out;
+}
+
+}  // namespace
+
 Result<std::string> BlobStore::ingest(const fs::path& source, std::string_view expected) {
   if (!isSha1Hex(expected)) return fail(400, kBadRequest, "filehash is not a SHA-1");
   if (has(expected)) return std::string(expected);
-  int in = ::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (in < 0) return fail(404, kNotFound, "cannot open path for reading");
   struct stat st {};
-  if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
-    ::close(in);
-    return fail(400, kBadRequest, "path is not a regular file");
-  }
+  auto opened = openSource(source, st);
+  if (!opened.ok()) return opened.failure();
+  int in = opened.value();
   fs::path tmp = tempPath("ingest");
   int out = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (out < 0) {

@@ -20,8 +20,8 @@ class BlobStore {
  public:
   explicit BlobStore(std::filesystem::path root);
 
-  // Creates the folders; false when they cannot be made.
-  bool prepare(std::string* why);
+  // Creates the folders.
+  Result<void> prepare();
 
   std::filesystem::path pathOf(std::string_view sha1) const;
   bool has(std::string_view sha1) const;

@@ -23,30 +23,22 @@ Host::Host(HostConfig config) : config_(std::move(config)), forceUris_(config_.f
 
 Host::~Host() { stop(); }
 
-bool Host::start(std::string* why) {
-  if (!isLoopbackAddress(config_.bind)) {
-    if (why)
-      *why =
-          "refusing to bind " + config_.bind + ": only loopback addresses (127.x.x.x) are served";
-    return false;
-  }
+Result<void> Host::start() {
+  if (!isLoopbackAddress(config_.bind))
+    return fail("refusing to bind " + config_.bind +
+                ": only loopback addresses (127.x.x.x) are served");
   std::error_code ec;
   fs::create_directories(config_.root, ec);
-  if (ec) {
-    if (why) *why = "cannot create " + config_.root.string() + ": " + ec.message();
-    return false;
-  }
+  if (ec) return fail("cannot create " + config_.root.string() + ": " + ec.message());
   config_.root = fs::absolute(config_.root);
-  store_ = Store::open(config_.root / "hostd.sqlite", why);
-  if (!store_) return false;
+  auto store = Store::open(config_.root / "hostd.sqlite");
+  if (!store.ok()) return store.failure();
+  store_ = std::move(store.value());
   blobs_ = std::make_unique<BlobStore>(config_.root);
-  if (!blobs_->prepare(why)) return false;
+  if (auto prepared = blobs_->prepare(); !prepared.ok()) return prepared;
   if (!config_.seed.empty()) {
     auto seeded = seedStore(config_.seed, *store_, *blobs_);
-    if (!seeded.ok()) {
-      if (why) *why = "seed: " + seeded.failure().message;
-      return false;
-    }
+    if (!seeded.ok()) return fail("seed: " + seeded.failure().message);
     if (!seeded.value()) log("store is not empty: seed '{}' skipped", config_.seed);
   }
   sessions_ = std::make_unique<UploadSessions>(*store_, *blobs_);
@@ -56,20 +48,23 @@ bool Host::start(std::string* why) {
   for (int port : config_.uploadPorts) {
     uploads_.push_back(
         std::make_unique<UploadServer>(config_.bind, port, *sessions_, faults_, config_.quiet));
-    if (!uploads_.back()->start(why)) return false;
+    if (auto started = uploads_.back()->start(); !started.ok()) return started;
   }
   download_ = std::make_unique<DownloadServer>(config_.bind, *blobs_, faults_, config_.quiet);
-  if (!download_->start(config_.downloadPort, why)) return false;
+  if (auto started = download_->start(config_.downloadPort); !started.ok()) return started;
   query_ = std::make_unique<QueryServer>(config_.bind, *handler_, config_.quiet);
-  if (!query_->start(config_.port, why)) return false;
+  if (auto started = query_->start(config_.port); !started.ok()) return started;
   admin_ = std::make_unique<AdminServer>(
       config_.bind, [this](const std::string& c, const Params& p) { return control(c, p); },
       config_.quiet);
-  if (!admin_->start(config_.adminPort, why)) return false;
-  writePortsFile();
+  if (auto started = admin_->start(config_.adminPort); !started.ok()) return started;
+  {
+    MutexLock lock(controlMutex_);
+    writePortsFile();
+  }
   log("halvo-hostd: query {} admin {} download {} root {}", queryPort(), adminPort(),
       downloadPort(), config_.root.string());
-  return true;
+  return {};
 }
 
 void Host::stop() {

@@ -3,15 +3,15 @@
 //
 // The Host owns every part and wires them; main() makes one, tests make as
 // many as they like (each on its own root and free ports). start()/stop()
-// from one thread; control() runs on admin-server threads and serialises the
-// changes that move listeners behind controlMutex_. The HostDirectory
-// methods are called by query handlers on any thread.
+// from one thread; control() runs on admin-server threads and serialises its
+// commands (listener moves, upload servers going down and up, the ports
+// file) behind controlMutex_. The HostDirectory methods are called by query
+// handlers on any thread.
 #pragma once
 
 #include <atomic>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -23,6 +23,7 @@
 #include "Store.h"
 #include "UploadServer.h"
 #include "Uploads.h"
+#include "platform/ThreadAnnotations.h"
 
 namespace hvfp::hostd {
 
@@ -49,7 +50,7 @@ class Host : public HostDirectory {
   explicit Host(HostConfig config);
   ~Host() override;
 
-  bool start(std::string* why);
+  Result<void> start();
   void stop();
 
   // One ctl command; see `halvo-hostd ctl --help`.
@@ -69,7 +70,9 @@ class Host : public HostDirectory {
   bool forceUris() override { return forceUris_; }
 
  private:
-  void writePortsFile();
+  friend class HostControl;  // the ctl commands, in Admin.cc
+
+  void writePortsFile() REQUIRES(controlMutex_);
   UploadServer* uploadServerOn(int port);
   std::string statusJson();
 
@@ -85,7 +88,7 @@ class Host : public HostDirectory {
   std::unique_ptr<DownloadServer> download_;
   std::unique_ptr<QueryServer> query_;
   std::unique_ptr<AdminServer> admin_;
-  std::mutex controlMutex_;
+  Mutex controlMutex_;
 };
 
 }  // namespace hvfp::hostd

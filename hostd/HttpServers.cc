@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 
 #include "platform/Log.h"
 
@@ -13,9 +14,44 @@ namespace hvfp::hostd {
 namespace {
 
 constexpr size_t kChunk = 1 << 20;
+constexpr int kMaxDelayMs = 60000;
 
 Params toParams(const httplib::Request& req) {
   return Params(req.params.begin(), req.params.end());
+}
+
+// Sleeps in short steps; false when the listener began stopping meanwhile.
+bool pause(int ms, const std::atomic<bool>& stopping) {
+  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!stopping) {
+    auto left = until - std::chrono::steady_clock::now();
+    if (left <= std::chrono::steady_clock::duration::zero()) return true;
+    std::this_thread::sleep_for(
+        std::min<std::chrono::steady_clock::duration>(left, std::chrono::milliseconds(50)));
+  }
+  return false;
+}
+
+// Copies up to `size` body bytes from `offset` into `out`; the count, or <= 0.
+using Fill = std::function<ssize_t(char* out, size_t size, size_t offset)>;
+
+// Sends a body in steps of at most 1 MiB, or as a Cut or Slow fault shapes
+// it. A provider that returns false makes httplib close the connection, so a
+// cut body leaves the client short of the Content-Length it was promised.
+httplib::ContentProvider shapedBody(Fill fill, BodyShape shape, const std::atomic<bool>& stopping) {
+  auto sent = std::make_shared<uint64_t>(0);
+  return [fill = std::move(fill), shape, sent, &stopping](size_t offset, size_t length,
+                                                          httplib::DataSink& sink) {
+    if (shape.cutAfter && *sent >= *shape.cutAfter) return false;
+    if (shape.pauseMs > 0 && !pause(shape.pauseMs, stopping)) return false;
+    size_t n = std::min(length, shape.step > 0 ? shape.step : kChunk);
+    if (shape.cutAfter) n = static_cast<size_t>(std::min<uint64_t>(n, *shape.cutAfter - *sent));
+    std::vector<char> buf(n);
+    ssize_t got = fill(buf.data(), n, offset);
+    if (got <= 0) return false;
+    *sent += static_cast<uint64_t>(got);
+    return sink.write(buf.data(), static_cast<size_t>(got));
+  };
 }
 
 // Sends the head and then closes the connection without a body: the client
@@ -26,48 +62,45 @@ void dropConnection(httplib::Response& res) {
                            [](size_t, size_t, httplib::DataSink&) { return false; });
 }
 
-void sendReply(const Reply& r, httplib::Response& res) {
-  if (r.delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(r.delayMs));
+void sendReply(const Reply& r, httplib::Response& res, const std::atomic<bool>& stopping) {
+  if (r.delayMs > 0 && !pause(r.delayMs, stopping)) return dropConnection(res);
   if (r.drop) return dropConnection(res);
   res.status = r.status;
-  res.set_content(r.body, "application/json");
+  if (r.shape.plain()) return res.set_content(r.body, "application/json");
+  auto body = std::make_shared<const std::string>(r.body);
+  auto fill = [body](char* out, size_t size, size_t offset) -> ssize_t {
+    size_t n = offset < body->size() ? std::min(size, body->size() - offset) : 0;
+    std::memcpy(out, body->data() + offset, n);
+    return static_cast<ssize_t>(n);
+  };
+  res.set_content_provider(body->size(), "application/json", shapedBody(fill, r.shape, stopping));
 }
 
 }  // namespace
 
-Listener::Listener(std::unique_ptr<httplib::Server> server) : server_(std::move(server)) {}
-
-namespace {
-
-// Every endpoint takes GET queries; a body is never needed, and without a
-// limit the library would read any size of one into memory first.
-std::unique_ptr<httplib::Server> makeServer() {
-  auto server = std::make_unique<httplib::Server>();
-  server->set_payload_max_length(64 * 1024);
-  return server;
+Listener::Listener() : server_(std::make_unique<httplib::Server>()) {
+  // Every endpoint takes GET queries; a body is never needed, and without a
+  // limit the library would read any size of one into memory first.
+  server_->set_payload_max_length(64 * 1024);
 }
-
-}  // namespace
 
 Listener::~Listener() { stop(); }
 
-bool Listener::start(const std::string& bind, int port, std::string* why) {
+Result<void> Listener::start(const std::string& bind, int port) {
   bool bound = port == 0 ? (port_ = server_->bind_to_any_port(bind.c_str())) > 0
                          : server_->bind_to_port(bind.c_str(), port);
-  if (!bound) {
-    if (why) *why = "cannot listen on " + bind + ":" + std::to_string(port);
-    return false;
-  }
+  if (!bound) return fail("cannot listen on " + bind + ":" + std::to_string(port));
   if (port != 0) port_ = port;
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // stop() is a no-op until the accept loop runs, so a listener stopped right
   // after starting would otherwise never end.
   for (int i = 0; i < 5000 && !server_->is_running(); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  return true;
+  return {};
 }
 
 void Listener::stop() {
+  stopping_ = true;
   if (!thread_.joinable()) return;
   server_->stop();
   thread_.join();
@@ -79,54 +112,56 @@ QueryServer::QueryServer(std::string bind, QueryHandler& handler, bool quiet)
 QueryServer::~QueryServer() { stop(); }
 
 std::unique_ptr<Listener> QueryServer::make() {
-  auto server = makeServer();
-  server->Get("/provider", [this](const httplib::Request& req, httplib::Response& res) {
-    Params params = toParams(req);
-    Reply r = handler_.handle(params);
-    sendReply(r, res);
-    if (!quiet_)
-      log("GET /provider type={} status={}", QueryHandler::typeOf(params),
-          r.drop ? std::string("dropped") : std::to_string(r.status));
-  });
-  server->set_error_handler([](const httplib::Request&, httplib::Response& res) {
+  auto listener = std::make_unique<Listener>();
+  Listener* self = listener.get();
+  listener->server().Get("/provider",
+                         [this, self](const httplib::Request& req, httplib::Response& res) {
+                           Params params = toParams(req);
+                           Reply r = handler_.handle(params);
+                           sendReply(r, res, self->stopping());
+                           if (!quiet_)
+                             log("GET /provider type={} status={}", QueryHandler::typeOf(params),
+                                 r.drop ? std::string("dropped") : std::to_string(r.status));
+                         });
+  listener->server().set_error_handler([](const httplib::Request&, httplib::Response& res) {
     if (res.body.empty())
       res.set_content(errorReply(fail(res.status, kNotFound, "no such path")), "application/json");
   });
-  return std::make_unique<Listener>(std::move(server));
+  return listener;
 }
 
-bool QueryServer::start(int port, std::string* why) {
-  std::lock_guard lock(mutex_);
+Result<void> QueryServer::start(int port) {
+  MutexLock lock(mutex_);
   auto l = make();
-  if (!l->start(bind_, port, why)) return false;
+  if (auto started = l->start(bind_, port); !started.ok()) return started;
   current_ = std::move(l);
-  return true;
+  return {};
 }
 
-bool QueryServer::move(int port, const std::function<void(int)>& announce, std::string* why) {
+Result<void> QueryServer::move(int port, const std::function<void(int)>& announce) {
   std::unique_ptr<Listener> old;
   int newPort = 0;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     auto l = make();
-    if (!l->start(bind_, port, why)) return false;
+    if (auto started = l->start(bind_, port); !started.ok()) return started;
     newPort = l->port();
     old = std::move(current_);
     current_ = std::move(l);
   }
   announce(newPort);
   if (old) old->stop();
-  return true;
+  return {};
 }
 
 void QueryServer::stop() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (current_) current_->stop();
   current_.reset();
 }
 
 int QueryServer::port() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return current_ ? current_->port() : 0;
 }
 
@@ -135,49 +170,66 @@ DownloadServer::DownloadServer(std::string bind, BlobStore& blobs, FaultTable& f
 
 DownloadServer::~DownloadServer() { stop(); }
 
-bool DownloadServer::start(int port, std::string* why) {
-  auto server = makeServer();
-  server->Get(
-      R"(/blob/([0-9a-f]{40}))", [this](const httplib::Request& req, httplib::Response& res) {
-        std::string hash = req.matches[1];
-        auto logLine = [&](const std::string& status) {
-          if (!quiet_)
-            log("GET /blob/{} range={} status={}", hash, req.get_header_value("Range"), status);
-        };
-        if (auto f = faults_.take("blob")) {
-          Reply r;
-          r.delayMs = std::min(f->delayMs, 60000);
-          r.drop = f->kind == FaultKind::Drop || f->kind == FaultKind::Reset;
-          r.status = f->status;
-          r.body = f->kind == FaultKind::NotJson ? "<html>trouble</html>" : f->body;
-          if (f->kind != FaultKind::Delay) {
-            sendReply(r, res);
-            return logLine(r.drop ? "dropped" : std::to_string(r.status));
-          }
-          std::this_thread::sleep_for(std::chrono::milliseconds(r.delayMs));
-        }
-        int fd = ::open(blobs_.pathOf(hash).c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) {
-          res.status = 404;
-          res.set_content(errorReply(fail(404, kNotFound, "no such blob")), "application/json");
-          return logLine("404");
-        }
-        off_t size = ::lseek(fd, 0, SEEK_END);
-        auto shared = std::make_shared<int>(fd);
-        // Streamed in 1 MiB reads; httplib cuts the range and answers 206.
-        res.set_content_provider(
-            static_cast<size_t>(size), "application/octet-stream",
-            [shared](size_t offset, size_t length, httplib::DataSink& sink) {
-              std::vector<char> buf(std::min(length, kChunk));
-              ssize_t n = ::pread(*shared, buf.data(), buf.size(), static_cast<off_t>(offset));
-              if (n <= 0) return false;
-              return sink.write(buf.data(), static_cast<size_t>(n));
-            },
-            [shared](bool) { ::close(*shared); });
-        logLine(req.ranges.empty() ? "200" : "206");
-      });
-  listener_ = std::make_unique<Listener>(std::move(server));
-  return listener_->start(bind_, port, why);
+namespace {
+
+// The reply a fault without a body shape gives instead of the blob.
+void faultReply(const Fault& f, httplib::Response& res) {
+  res.status = f.status;
+  if (f.kind == FaultKind::NotJson)
+    res.set_content("<html>trouble</html>", "text/html");
+  else if (f.body.empty() && f.kind != FaultKind::Body)
+    res.set_content(
+        errorReply(fail(f.status, f.errorCode, f.message.empty() ? "injected fault" : f.message)),
+        "application/json");
+  else
+    res.set_content(f.body, "application/json");
+}
+
+}  // namespace
+
+Result<void> DownloadServer::start(int port) {
+  listener_ = std::make_unique<Listener>();
+  const std::atomic<bool>& stopping = listener_->stopping();
+  listener_->server().Get(R"(/blob/([0-9a-f]{40}))", [this, &stopping](const httplib::Request& req,
+                                                                       httplib::Response& res) {
+    std::string hash = req.matches[1];
+    auto logLine = [&](const std::string& status) {
+      if (!quiet_)
+        log("GET /blob/{} range={} status={}", hash, req.get_header_value("Range"), status);
+    };
+    BodyShape shape;
+    if (auto f = faults_.take("blob")) {
+      bool late = f->kind != FaultKind::Slow && f->delayMs > 0 &&
+                  !pause(std::min(f->delayMs, kMaxDelayMs), stopping);
+      if (late || f->kind == FaultKind::Drop || f->kind == FaultKind::Reset) {
+        dropConnection(res);
+        return logLine("dropped");
+      }
+      if (f->kind == FaultKind::Cut || f->kind == FaultKind::Slow) {
+        shape = BodyShape::of(*f);
+      } else if (f->kind != FaultKind::Delay) {
+        faultReply(*f, res);
+        return logLine(std::to_string(res.status));
+      }
+    }
+    int fd = ::open(blobs_.pathOf(hash).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+      res.status = 404;
+      res.set_content(errorReply(fail(404, kNotFound, "no such blob")), "application/json");
+      return logLine("404");
+    }
+    off_t size = ::lseek(fd, 0, SEEK_END);
+    auto shared = std::make_shared<int>(fd);
+    auto fill = [shared](char* out, size_t n, size_t offset) {
+      return ::pread(*shared, out, n, static_cast<off_t>(offset));
+    };
+    // Streamed in 1 MiB reads; httplib cuts the range and answers 206.
+    res.set_content_provider(static_cast<size_t>(size), "application/octet-stream",
+                             shapedBody(fill, shape, stopping),
+                             [shared](bool) { ::close(*shared); });
+    logLine(req.ranges.empty() ? "200" : "206");
+  });
+  return listener_->start(bind_, port);
 }
 
 void DownloadServer::stop() {
@@ -195,17 +247,17 @@ AdminServer::AdminServer(std::string bind, AdminCommand command, bool quiet)
 
 AdminServer::~AdminServer() { stop(); }
 
-bool AdminServer::start(int port, std::string* why) {
-  auto server = makeServer();
-  server->Get(R"(/ctl/([a-z0-9-]+))", [this](const httplib::Request& req, httplib::Response& res) {
-    std::string cmd = req.matches[1];
-    Reply r = command_(cmd, toParams(req));
-    res.status = r.status;
-    res.set_content(r.body, "application/json");
-    if (!quiet_) log("GET /ctl/{} status={}", cmd, r.status);
-  });
-  listener_ = std::make_unique<Listener>(std::move(server));
-  return listener_->start(bind_, port, why);
+Result<void> AdminServer::start(int port) {
+  listener_ = std::make_unique<Listener>();
+  listener_->server().Get(R"(/ctl/([a-z0-9-]+))",
+                          [this](const httplib::Request& req, httplib::Response& res) {
+                            std::string cmd = req.matches[1];
+                            Reply r = command_(cmd, toParams(req));
+                            res.status = r.status;
+                            res.set_content(r.body, "application/json");
+                            if (!quiet_) log("GET /ctl/{} status={}", cmd, r.status);
+                          });
+  return listener_->start(bind_, port);
 }
 
 void AdminServer::stop() {

@@ -8,16 +8,16 @@
 // httplib's worker threads and only touch the shared handlers they were given.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "Blobs.h"
 #include "Faults.h"
 #include "Queries.h"
+#include "platform/ThreadAnnotations.h"
 
 namespace httplib {
 class Server;
@@ -25,19 +25,22 @@ class Server;
 
 namespace hvfp::hostd {
 
-// One httplib::Server listening on one port in its own thread.
+// One httplib::Server listening on one port in its own thread. Handlers that
+// wait (delays, slow bodies) watch stopping() so that stop() is not held up.
 class Listener {
  public:
-  explicit Listener(std::unique_ptr<httplib::Server> server);
+  Listener();
   ~Listener();
-  bool start(const std::string& bind, int port, std::string* why);
+  Result<void> start(const std::string& bind, int port);
   void stop();
   int port() const { return port_; }
   httplib::Server& server() { return *server_; }
+  const std::atomic<bool>& stopping() const { return stopping_; }
 
  private:
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
+  std::atomic<bool> stopping_{false};
   int port_ = 0;
 };
 
@@ -45,10 +48,10 @@ class QueryServer {
  public:
   QueryServer(std::string bind, QueryHandler& handler, bool quiet);
   ~QueryServer();
-  bool start(int port, std::string* why);
+  Result<void> start(int port);
   // Starts listening on `port` first, then runs `announce` with the new port,
   // then closes the old listener, so a client is never left without one.
-  bool move(int port, const std::function<void(int)>& announce, std::string* why);
+  Result<void> move(int port, const std::function<void(int)>& announce);
   void stop();
   int port();
 
@@ -58,15 +61,15 @@ class QueryServer {
   std::string bind_;
   QueryHandler& handler_;
   bool quiet_;
-  std::mutex mutex_;
-  std::unique_ptr<Listener> current_;
+  Mutex mutex_;
+  std::unique_ptr<Listener> current_ GUARDED_BY(mutex_);
 };
 
 class DownloadServer {
  public:
   DownloadServer(std::string bind, BlobStore& blobs, FaultTable& faults, bool quiet);
   ~DownloadServer();
-  bool start(int port, std::string* why);
+  Result<void> start(int port);
   void stop();
   int port() const;
   std::string urlOf(std::string_view sha1) const;
@@ -86,7 +89,7 @@ class AdminServer {
  public:
   AdminServer(std::string bind, AdminCommand command, bool quiet);
   ~AdminServer();
-  bool start(int port, std::string* why);
+  Result<void> start(int port);
   void stop();
   int port() const;
 

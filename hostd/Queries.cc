@@ -3,6 +3,7 @@
 #include <charconv>
 #include <chrono>
 #include <thread>
+#include <type_traits>
 
 #include "Digest.h"
 #include "platform/Text.h"
@@ -29,6 +30,31 @@ class Args {
   }
   std::optional<int64_t> integer(const char* key) { return number<int64_t>(key); }
   std::optional<uint64_t> count(const char* key) { return number<uint64_t>(key); }
+
+  // "uuidhash" and "mount_id": how most queries name their item.
+  struct ItemKey {
+    std::string uuid;
+    int64_t mount = 0;
+  };
+  std::optional<ItemKey> item() {
+    auto uuid = text("uuidhash");
+    auto mount = integer("mount_id");
+    if (!uuid || !mount) return std::nullopt;
+    return ItemKey{*uuid, *mount};
+  }
+  // "host", "session" and "cookie": how the session steps name their session.
+  struct SessionKey {
+    std::string host;
+    std::string session;
+  };
+  std::optional<SessionKey> session() {
+    auto host = text("host");
+    auto session = text("session");
+    auto cookie = text("cookie");
+    if (!host || !session || !cookie) return std::nullopt;
+    return SessionKey{*host, *session};
+  }
+
   bool ok() const { return !failure_; }
   Reply reply() const;
 
@@ -67,6 +93,17 @@ Reply Args::reply() const { return fromFailure(*failure_); }
 
 Reply okReply(std::string body) { return Reply{200, std::move(body)}; }
 
+// The reply to a store or session call: its failure as an error reply, or
+// the body `write` makes of its value.
+template <typename T, typename Write>
+Reply answer(const Result<T>& r, Write write) {
+  if (!r.ok()) return fromFailure(r.failure());
+  if constexpr (std::is_void_v<T>)
+    return okReply(write());
+  else
+    return okReply(write(r.value()));
+}
+
 // Keys of the move / create / close replies; written in sorted order.
 std::string placedReply(const Item& it, std::optional<int64_t> state) {
   std::string out;
@@ -86,6 +123,11 @@ std::string statusOnly(int status) {
   JsonWriter(out).beginObject().key("status_code").value(status).endObject();
   return out;
 }
+
+// The body of a reply that reports nothing but success.
+constexpr auto ok200 = [](const auto&...) { return statusOnly(200); };
+
+std::string placed(const Item& it) { return placedReply(it, std::nullopt); }
 
 Failure badRequest(std::string msg) { return fail(400, kBadRequest, std::move(msg)); }
 
@@ -152,13 +194,20 @@ std::string QueryHandler::typeOf(const Params& params) {
 Reply QueryHandler::handle(const Params& params) {
   std::string type = typeOf(params);
   auto fault = faults_.take(type);
-  if (!fault) return dispatch(type, params);
+  return fault ? withFault(*fault, type, params) : dispatch(type, params);
+}
+
+Reply QueryHandler::withFault(const Fault& fault, const std::string& type, const Params& params) {
   Reply r;
-  r.delayMs = std::min(fault->delayMs, kMaxDelayMs);
-  switch (fault->kind) {
-    case FaultKind::Delay: {
+  r.delayMs = std::min(fault.delayMs, kMaxDelayMs);
+  switch (fault.kind) {
+    case FaultKind::Delay:
+    case FaultKind::Cut:
+    case FaultKind::Slow: {
       Reply normal = dispatch(type, params);
-      normal.delayMs = r.delayMs;
+      normal.shape = BodyShape::of(fault);
+      // A slow body pauses before each step instead of once.
+      normal.delayMs = fault.kind == FaultKind::Slow ? 0 : r.delayMs;
       return normal;
     }
     case FaultKind::Drop:
@@ -167,7 +216,7 @@ Reply QueryHandler::handle(const Params& params) {
       return r;
     case FaultKind::Body:
       r.status = 200;
-      r.body = fault->body;
+      r.body = fault.body;
       return r;
     case FaultKind::NotJson:
       r.status = 200;
@@ -176,11 +225,11 @@ Reply QueryHandler::handle(const Params& params) {
     case FaultKind::Status:
     case FaultKind::Expect409:
     case FaultKind::Done202: {
-      Failure f{fault->status, fault->errorCode,
-                fault->message.empty() ? "injected fault" : fault->message};
+      Failure f{fault.status, fault.errorCode,
+                fault.message.empty() ? "injected fault" : fault.message};
       Reply e = fromFailure(f);
       e.delayMs = r.delayMs;
-      if (!fault->body.empty()) e.body = fault->body;
+      if (!fault.body.empty()) e.body = fault.body;
       return e;
     }
   }
@@ -188,29 +237,34 @@ Reply QueryHandler::handle(const Params& params) {
 }
 
 Reply QueryHandler::dispatch(const std::string& type, const Params& p) {
-  if (type == "links") return links();
-  if (type == "trash") return trash();
-  if (type == "files") return files(p);
-  if (type == "changefiles") return changeFiles(p);
-  if (type == "fileinfo") return fileInfo(p);
-  if (type == "download") return download(p);
-  if (type == "rename") return rename(p);
-  if (type == "remove") return remove(p);
-  if (type == "deletefile") return deleteFile(p);
-  if (type == "recoverfile") return recoverFile(p);
-  if (type == "addcache") return addCache(p);
-  if (type == "updatestatus") return updateStatus(p);
-  if (type == "deletesyncdb") return deleteSyncDb(p);
-  if (type == "create") return create(p);
-  if (type == "uploadinit") return uploadInit(p);
-  if (type == "uploadreq") return uploadReq(p);
-  if (type == "uploadfinish") return uploadFinish(p);
-  if (type == "uploadabort") return uploadAbort(p);
+  using Handler = Reply (QueryHandler::*)(const Params&);
+  static constexpr std::pair<std::string_view, Handler> kTypes[] = {
+      {"links", &QueryHandler::links},
+      {"trash", &QueryHandler::trash},
+      {"files", &QueryHandler::files},
+      {"changefiles", &QueryHandler::changeFiles},
+      {"fileinfo", &QueryHandler::fileInfo},
+      {"download", &QueryHandler::download},
+      {"rename", &QueryHandler::rename},
+      {"remove", &QueryHandler::remove},
+      {"deletefile", &QueryHandler::deleteFile},
+      {"recoverfile", &QueryHandler::recoverFile},
+      {"addcache", &QueryHandler::addCache},
+      {"updatestatus", &QueryHandler::updateStatus},
+      {"deletesyncdb", &QueryHandler::deleteSyncDb},
+      {"create", &QueryHandler::create},
+      {"uploadinit", &QueryHandler::uploadInit},
+      {"uploadreq", &QueryHandler::uploadReq},
+      {"uploadfinish", &QueryHandler::uploadFinish},
+      {"uploadabort", &QueryHandler::uploadAbort},
+  };
+  for (const auto& [name, handler] : kTypes)
+    if (name == type) return (this->*handler)(p);
   if (type.empty()) return fromFailure(badRequest("missing key \"type\""));
   return fromFailure(badRequest("unknown type"));
 }
 
-Reply QueryHandler::links() {
+Reply QueryHandler::links(const Params&) {
   std::string out;
   JsonWriter w(out);
   w.beginObject().key("list").beginArray();
@@ -220,7 +274,7 @@ Reply QueryHandler::links() {
   return okReply(std::move(out));
 }
 
-Reply QueryHandler::trash() {
+Reply QueryHandler::trash(const Params&) {
   std::string out;
   JsonWriter w(out);
   w.beginObject().key("list").beginArray();
@@ -231,8 +285,7 @@ Reply QueryHandler::trash() {
 
 Reply QueryHandler::files(const Params& p) {
   Args a(p);
-  auto uuid = a.text("uuidhash");
-  auto mount = a.integer("mount_id");
+  auto key = a.item();
   if (!a.ok()) return a.reply();
   // The cursor is taken first: a change racing the listing shows up again
   // in the next change listing rather than never.
@@ -241,7 +294,8 @@ Reply QueryHandler::files(const Params& p) {
   out.reserve(1 << 16);
   JsonWriter w(out);
   w.beginObject().key("lasttime").value(cursor).key("list").beginArray();
-  bool known = store_.forEachChild(*mount, *uuid, [&](const Item& it) { writeItem(w, it, false); });
+  bool known =
+      store_.forEachChild(key->mount, key->uuid, [&](const Item& it) { writeItem(w, it, false); });
   if (!known) return fromFailure(fail(404, kNotFound, "no such folder"));
   w.endArray().key("status_code").value(200).endObject();
   return okReply(std::move(out));
@@ -262,42 +316,44 @@ Reply QueryHandler::changeFiles(const Params& p) {
   return okReply(std::move(out));
 }
 
+namespace {
+Result<Item> existing(Store& store, int64_t mount, const std::string& uuid) {
+  if (auto it = store.item(mount, uuid)) return *it;
+  return fail(404, kNotFound, "no such item");
+}
+}  // namespace
+
 Reply QueryHandler::fileInfo(const Params& p) {
   Args a(p);
-  auto uuid = a.text("uuidhash");
-  auto mount = a.integer("mount_id");
+  auto key = a.item();
   if (!a.ok()) return a.reply();
-  auto it = store_.item(*mount, *uuid);
-  if (!it) return fromFailure(fail(404, kNotFound, "no such item"));
-  return okReply(itemJson(*it, true));
+  return answer(existing(store_, key->mount, key->uuid),
+                [](const Item& it) { return itemJson(it, true); });
 }
 
 Reply QueryHandler::download(const Params& p) {
   Args a(p);
-  auto uuid = a.text("uuidhash");
-  auto mount = a.integer("mount_id");
+  auto key = a.item();
   if (!a.ok()) return a.reply();
-  auto it = store_.item(*mount, *uuid);
-  if (!it) return fromFailure(fail(404, kNotFound, "no such item"));
-  if (it->dir) return fromFailure(fail(400, kNotFolder, "a folder has no contents to download"));
-  std::string out;
-  JsonWriter w(out);
-  w.beginObject();
-  w.key("dateline")
-      .value(it->changeTime)
-      .key("filehash")
-      .value(it->fileHash)
-      .key("filesize")
-      .value(it->size);
-  bool local = blobs_.has(it->fileHash) && !dir_.forceUris();
-  if (local)
-    w.key("fullpath").value(std::filesystem::absolute(blobs_.pathOf(it->fileHash)).string());
-  w.key("hash").value(it->uuid).key("lock").value(it->lock);
-  if (it->lock != 0) w.key("lock_member_id").value(it->lockId);
-  w.key("status_code").value(200);
-  if (!local) w.key("uris").beginArray().value(dir_.downloadUrl(it->fileHash)).endArray();
-  w.endObject();
-  return okReply(std::move(out));
+  auto found = existing(store_, key->mount, key->uuid);
+  if (found.ok() && found->dir)
+    return fromFailure(fail(400, kNotFolder, "a folder has no contents to download"));
+  return answer(found, [this](const Item& it) {
+    std::string out;
+    JsonWriter w(out);
+    w.beginObject();
+    w.key("dateline").value(it.changeTime).key("filehash").value(it.fileHash);
+    w.key("filesize").value(it.size);
+    bool local = blobs_.has(it.fileHash) && !dir_.forceUris();
+    if (local)
+      w.key("fullpath").value(std::filesystem::absolute(blobs_.pathOf(it.fileHash)).string());
+    w.key("hash").value(it.uuid).key("lock").value(it.lock);
+    if (it.lock != 0) w.key("lock_member_id").value(it.lockId);
+    w.key("status_code").value(200);
+    if (!local) w.key("uris").beginArray().value(dir_.downloadUrl(it.fileHash)).endArray();
+    w.endObject();
+    return out;
+  });
 }
 
 Reply QueryHandler::rename(const Params& p) {
@@ -307,47 +363,32 @@ Reply QueryHandler::rename(const Params& p) {
   auto mount = a.integer("mount_id");
   if (!a.ok()) return a.reply();
   if (!isValidName(*name)) return fromFailure(fail(400, kBadName, "invalid name"));
-  if (uuid->empty()) {
-    // The mount root's name is the library's name.
-    auto m = store_.renameMount(*mount, *name);
-    if (!m.ok()) return fromFailure(m.failure());
-    return okReply(statusOnly(200));
-  }
-  auto r = store_.rename(*mount, *uuid, *name);
-  if (!r.ok()) return fromFailure(r.failure());
-  return okReply(placedReply(r.value(), std::nullopt));
+  // The mount root's name is the library's name.
+  if (uuid->empty()) return answer(store_.renameMount(*mount, *name), ok200);
+  return answer(store_.rename(*mount, *uuid, *name), placed);
 }
 
 Reply QueryHandler::remove(const Params& p) {
   Args a(p);
-  auto uuid = a.text("uuidhash");
-  auto mount = a.integer("mount_id");
+  auto key = a.item();
   auto parent = a.text("parent_uuidhash");
   auto parentMount = a.integer("parent_mount_id");
   if (!a.ok()) return a.reply();
-  auto r = store_.move(*mount, *uuid, *parentMount, *parent);
-  if (!r.ok()) return fromFailure(r.failure());
-  return okReply(placedReply(r.value(), std::nullopt));
+  return answer(store_.move(key->mount, key->uuid, *parentMount, *parent), placed);
 }
 
 Reply QueryHandler::deleteFile(const Params& p) {
   Args a(p);
-  auto uuid = a.text("uuidhash");
-  auto mount = a.integer("mount_id");
+  auto key = a.item();
   if (!a.ok()) return a.reply();
-  auto r = store_.trash(*mount, *uuid);
-  if (!r.ok()) return fromFailure(r.failure());
-  return okReply(statusOnly(200));
+  return answer(store_.trash(key->mount, key->uuid), ok200);
 }
 
 Reply QueryHandler::recoverFile(const Params& p) {
   Args a(p);
-  auto uuid = a.text("uuidhash");
-  auto mount = a.integer("mount_id");
+  auto key = a.item();
   if (!a.ok()) return a.reply();
-  auto r = store_.restore(*mount, *uuid);
-  if (!r.ok()) return fromFailure(r.failure());
-  return okReply(placedReply(r.value(), std::nullopt));
+  return answer(store_.restore(key->mount, key->uuid), placed);
 }
 
 Reply QueryHandler::addCache(const Params& p) {
@@ -357,30 +398,42 @@ Reply QueryHandler::addCache(const Params& p) {
   if (!a.ok()) return a.reply();
   if (path->empty() || path->front() != '/')
     return fromFailure(badRequest("path must be absolute"));
-  auto r = blobs_.ingest(*path, *hash);
-  if (!r.ok()) return fromFailure(r.failure());
-  return okReply(statusOnly(200));
+  return answer(blobs_.ingest(*path, *hash), ok200);
 }
 
 Reply QueryHandler::updateStatus(const Params& p) {
   Args a(p);
-  auto uuid = a.text("uuidhash");
-  auto mount = a.integer("mount_id");
+  auto key = a.item();
   auto status = a.integer("status");
   if (!a.ok()) return a.reply();
-  auto r = store_.setLocalStatus(*mount, *uuid, *status);
-  if (!r.ok()) return fromFailure(r.failure());
-  return okReply(statusOnly(200));
+  return answer(store_.setLocalStatus(key->mount, key->uuid, *status), ok200);
 }
 
 Reply QueryHandler::deleteSyncDb(const Params& p) {
   Args a(p);
-  auto uuid = a.text("uuidhash");
-  auto mount = a.integer("mount_id");
+  auto key = a.item();
   if (!a.ok()) return a.reply();
-  store_.dropSyncRecord(*mount, *uuid);
-  return okReply(statusOnly(200));
+  return answer(store_.dropSyncRecord(key->mount, key->uuid), ok200);
 }
+
+namespace {
+// The reply of a "create" whose contents are still to be uploaded.
+std::string reservedReply(const Reservation& r, const std::vector<std::string>& uploadUrls) {
+  std::string out;
+  JsonWriter w(out);
+  w.beginObject();
+  w.key("cache_uploads").beginArray().endArray();
+  w.key("filehash").value(r.fileHash).key("filesize").value(r.size);
+  w.key("fullpath").value(r.webpath).key("hash").value(r.uuid);
+  w.key("last_dateline").value(r.changeTime).key("mount_id").value(r.mountId);
+  w.key("state").value(0).key("status_code").value(200).key("storage_point").value(kStoragePoint);
+  w.key("up_hash").value(r.upHash).key("uploads").beginArray();
+  for (auto& url : uploadUrls) w.value(url);
+  w.endArray().endObject();
+  return out;
+}
+std::string createdReply(const Item& it) { return placedReply(it, 1); }
+}  // namespace
 
 Reply QueryHandler::create(const Params& p) {
   Args a(p);
@@ -393,57 +446,24 @@ Reply QueryHandler::create(const Params& p) {
   auto dir = a.integer("dir");
   if (!a.ok()) return a.reply();
   if (!store_.mount(*mount)) return fromFailure(fail(404, kNotFound, "no such mount"));
-  if (*dir != 0) {
-    auto r = store_.makeFolder(*mount, *webpath, *ctime, *mtime);
-    if (!r.ok()) return fromFailure(r.failure());
-    return okReply(placedReply(r.value(), 1));
-  }
+  if (*dir != 0) return answer(store_.makeFolder(*mount, *webpath, *ctime, *mtime), createdReply);
   if (!isSha1Hex(*hash))
     return fromFailure(badRequest("filehash must be 40 lowercase hex characters"));
   bool stored = blobs_.has(*hash);
   auto res = store_.reserve(*mount, *webpath, *hash, *size, *ctime, *mtime, !stored);
   if (!res.ok()) return fromFailure(res.failure());
-  if (stored) {
-    // The cloud already holds these bytes: the file exists at once.
-    auto it = store_.commitFile(res.value());
-    if (!it.ok()) return fromFailure(it.failure());
-    return okReply(placedReply(it.value(), 1));
-  }
-  const Reservation& r = res.value();
-  std::string out;
-  JsonWriter w(out);
-  w.beginObject();
-  w.key("cache_uploads").beginArray().endArray();
-  w.key("filehash")
-      .value(r.fileHash)
-      .key("filesize")
-      .value(r.size)
-      .key("fullpath")
-      .value(r.webpath);
-  w.key("hash")
-      .value(r.uuid)
-      .key("last_dateline")
-      .value(r.changeTime)
-      .key("mount_id")
-      .value(r.mountId);
-  w.key("state").value(0).key("status_code").value(200).key("storage_point").value(kStoragePoint);
-  w.key("up_hash").value(r.upHash).key("uploads").beginArray();
-  for (auto& url : dir_.uploadUrls()) w.value(url);
-  w.endArray().endObject();
-  return okReply(std::move(out));
+  // The cloud already holds these bytes: the file exists at once.
+  if (stored) return answer(store_.commitFile(res.value()), createdReply);
+  return okReply(reservedReply(res.value(), dir_.uploadUrls()));
 }
 
-namespace {
-// The upload server a session step names, or the failure to answer with.
-std::optional<Failure> serverOf(HostDirectory& dir, const std::string& host, int* port) {
+Result<int> QueryHandler::serverPort(const std::string& host) {
   bool up = false;
-  auto p = dir.uploadPort(host, &up);
-  if (!p) return fail(503, kServerDown, "unknown upload server");
+  auto port = dir_.uploadPort(host, &up);
+  if (!port) return fail(503, kServerDown, "unknown upload server");
   if (!up) return fail(503, kServerDown, "upload server is down");
-  *port = *p;
-  return std::nullopt;
+  return *port;
 }
-}  // namespace
 
 Reply QueryHandler::uploadInit(const Params& p) {
   Args a(p);
@@ -456,69 +476,65 @@ Reply QueryHandler::uploadInit(const Params& p) {
   auto size = a.count("filesize");
   auto mount = a.integer("mount_id");
   if (!a.ok()) return a.reply();
-  int port = 0;
-  if (auto f = serverOf(dir_, *host, &port)) return fromFailure(*f);
-  auto r = sessions_.open(port, *mount, *pathhash, *filename, *hash, *size);
-  if (!r.ok()) return fromFailure(r.failure());
-  if (r->complete) {
+  auto port = serverPort(*host);
+  if (!port.ok()) return fromFailure(port.failure());
+  auto r = sessions_.open(*port, *mount, *pathhash, *filename, *hash, *size);
+  if (r.ok() && r->complete) {
     std::string out;
-    JsonWriter w(out);
-    w.beginObject().key("hash").value(r->item->uuid).key("status_code").value(202).endObject();
+    JsonWriter(out)
+        .beginObject()
+        .key("hash")
+        .value(r->item->uuid)
+        .key("status_code")
+        .value(202)
+        .endObject();
     return Reply{202, std::move(out)};
   }
-  std::string out;
-  JsonWriter w(out);
-  w.beginObject().key("piecelen").value(UploadSessions::kPieceLength).key("session").value(r->id);
-  w.key("status_code").value(200).endObject();
-  return okReply(std::move(out));
+  return answer(r, [](const OpenedSession& s) {
+    std::string out;
+    JsonWriter w(out);
+    w.beginObject().key("piecelen").value(UploadSessions::kPieceLength).key("session").value(s.id);
+    w.key("status_code").value(200).endObject();
+    return out;
+  });
 }
 
 Reply QueryHandler::uploadReq(const Params& p) {
   Args a(p);
-  auto host = a.text("host");
-  auto session = a.text("session");
-  auto cookie = a.text("cookie");
+  auto key = a.session();
   if (!a.ok()) return a.reply();
-  int port = 0;
-  if (auto f = serverOf(dir_, *host, &port)) return fromFailure(*f);
-  auto r = sessions_.offset(port, *session);
-  if (!r.ok()) return fromFailure(r.failure());
-  std::string out;
-  JsonWriter(out)
-      .beginObject()
-      .key("offset")
-      .value(r.value())
-      .key("status_code")
-      .value(200)
-      .endObject();
-  return okReply(std::move(out));
+  auto port = serverPort(key->host);
+  if (!port.ok()) return fromFailure(port.failure());
+  return answer(sessions_.offset(*port, key->session), [](uint64_t offset) {
+    std::string out;
+    JsonWriter(out)
+        .beginObject()
+        .key("offset")
+        .value(offset)
+        .key("status_code")
+        .value(200)
+        .endObject();
+    return out;
+  });
 }
 
 Reply QueryHandler::uploadFinish(const Params& p) {
   Args a(p);
-  auto host = a.text("host");
-  auto session = a.text("session");
-  auto cookie = a.text("cookie");
+  auto key = a.session();
   auto size = a.count("filesize");
   if (!a.ok()) return a.reply();
-  int port = 0;
-  if (auto f = serverOf(dir_, *host, &port)) return fromFailure(*f);
-  auto r = sessions_.finish(port, *session, *size);
-  if (!r.ok()) return fromFailure(r.failure());
-  return okReply(placedReply(r.value(), std::nullopt));
+  auto port = serverPort(key->host);
+  if (!port.ok()) return fromFailure(port.failure());
+  return answer(sessions_.finish(*port, key->session, *size), placed);
 }
 
 Reply QueryHandler::uploadAbort(const Params& p) {
   Args a(p);
-  auto host = a.text("host");
-  auto session = a.text("session");
-  auto cookie = a.text("cookie");
+  auto key = a.session();
   if (!a.ok()) return a.reply();
-  int port = 0;
-  if (auto f = serverOf(dir_, *host, &port)) return fromFailure(*f);
-  auto r = sessions_.abort(port, *session);
-  if (!r.ok()) return fromFailure(r.failure());
-  return okReply(statusOnly(200));
+  auto port = serverPort(key->host);
+  if (!port.ok()) return fromFailure(port.failure());
+  return answer(sessions_.abort(*port, key->session), ok200);
 }
 
 }  // namespace hvfp::hostd

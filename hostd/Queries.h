@@ -44,6 +44,7 @@ struct Reply {
   std::string body;
   bool drop = false;  // cut the connection instead of answering
   int delayMs = 0;    // wait this long before answering
+  BodyShape shape{};  // how the body moves (cut short, dribbled); plain by default
 };
 
 class QueryHandler {
@@ -57,8 +58,13 @@ class QueryHandler {
 
  private:
   Reply dispatch(const std::string& type, const Params& params);
-  Reply links();
-  Reply trash();
+  // The query's reply with the armed fault applied.
+  Reply withFault(const Fault& fault, const std::string& type, const Params& params);
+  // The port of the upload server a session step names by "host".
+  Result<int> serverPort(const std::string& host);
+
+  Reply links(const Params& p);
+  Reply trash(const Params& p);
   Reply files(const Params& p);
   Reply changeFiles(const Params& p);
   Reply fileInfo(const Params& p);

@@ -2,17 +2,19 @@
 
 #include <sqlite3.h>
 
+#include "Outcome.h"
+
 namespace hvfp::hostd {
 
-std::unique_ptr<Db> Db::open(const std::string& path, std::string* why) {
+Result<std::unique_ptr<Db>> Db::open(const std::string& path) {
   sqlite3* raw = nullptr;
   int rc =
       sqlite3_open_v2(path.c_str(), &raw,
                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (rc != SQLITE_OK) {
-    if (why) *why = raw ? sqlite3_errmsg(raw) : "sqlite3_open_v2 failed";
+    std::string why = raw ? sqlite3_errmsg(raw) : "sqlite3_open_v2 failed";
     sqlite3_close(raw);
-    return nullptr;
+    return fail(500, kStorage, "database " + path + ": " + why);
   }
   sqlite3_busy_timeout(raw, 5000);
   return std::unique_ptr<Db>(new Db(raw));

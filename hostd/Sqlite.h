@@ -2,8 +2,8 @@
 //
 // Db owns one connection; Stmt owns one prepared statement of that connection
 // and must not outlive it. Neither is thread-safe: the store serialises every
-// use behind its own mutex. Errors are returned as false / std::nullopt and
-// the last message is kept in Db::error().
+// use behind its own mutex. Opening reports a Result; later errors are
+// returned as false / std::nullopt and the last message is kept in Db::error().
 #pragma once
 
 #include <cstdint>
@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Result.h"
+
 struct sqlite3;
 struct sqlite3_stmt;
 
@@ -19,7 +21,7 @@ namespace hvfp::hostd {
 
 class Db {
  public:
-  static std::unique_ptr<Db> open(const std::string& path, std::string* why);
+  static Result<std::unique_ptr<Db>> open(const std::string& path);
   ~Db();
   Db(const Db&) = delete;
   Db& operator=(const Db&) = delete;

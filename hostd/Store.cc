@@ -32,6 +32,9 @@ CREATE TABLE IF NOT EXISTS reservations(mount_id INTEGER NOT NULL, uuid_hash TEX
 CREATE TABLE IF NOT EXISTS sessions(id TEXT PRIMARY KEY, port INTEGER NOT NULL,
   mount_id INTEGER NOT NULL, uuid_hash TEXT NOT NULL, filehash TEXT NOT NULL,
   size INTEGER NOT NULL, created INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS sync_log(seq INTEGER PRIMARY KEY AUTOINCREMENT,
+  mount_id INTEGER NOT NULL, uuid_hash TEXT NOT NULL, query TEXT NOT NULL, local_status INTEGER,
+  at INTEGER NOT NULL);
 )";
 
 constexpr const char* kCols =
@@ -113,27 +116,26 @@ uint64_t nowSeconds() {
                                    .count());
 }
 
-std::unique_ptr<Store> Store::open(const std::filesystem::path& file, std::string* why) {
-  auto db = Db::open(file.string(), why);
-  if (!db) return nullptr;
-  std::unique_ptr<Store> store(new Store(std::move(db)));
-  if (!store->migrate(why)) return nullptr;
+Result<std::unique_ptr<Store>> Store::open(const std::filesystem::path& file) {
+  auto db = Db::open(file.string());
+  if (!db.ok()) return db.failure();
+  std::unique_ptr<Store> store(new Store(std::move(db.value())));
+  MutexLock lock(store->mutex_);
+  if (auto migrated = store->migrate(); !migrated.ok()) return migrated.failure();
   return store;
 }
 
 Store::Store(std::unique_ptr<Db> db) : db_(std::move(db)) {}
 Store::~Store() = default;
 
-bool Store::migrate(std::string* why) {
+Result<void> Store::migrate() {
   // WAL with synchronous=NORMAL survives a killed process: a committed
   // transaction is in the log before COMMIT returns; only power loss could
   // take the last ones.
   if (!db_->exec("PRAGMA journal_mode=WAL") || !db_->exec("PRAGMA synchronous=NORMAL") ||
-      !db_->exec(kSchema)) {
-    if (why) *why = "database: " + db_->error();
-    return false;
-  }
-  return true;
+      !db_->exec(kSchema))
+    return dbFailure(*db_);
+  return {};
 }
 
 uint64_t Store::bumpCursor() {
@@ -145,19 +147,19 @@ uint64_t Store::bumpCursor() {
 }
 
 bool Store::empty() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_, "SELECT (SELECT COUNT(*) FROM mounts) + (SELECT COUNT(*) FROM items)");
   return s.step() && s.integer(0) == 0;
 }
 
 uint64_t Store::cursor() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_, "SELECT value FROM meta WHERE key = 'cursor'");
   return s.step() ? static_cast<uint64_t>(s.integer(0)) : 0;
 }
 
 std::vector<Mount> Store::mounts() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   std::vector<Mount> out;
   Stmt s(*db_, "SELECT id, name, lasttime, created FROM mounts ORDER BY id");
   while (s.step())
@@ -167,7 +169,7 @@ std::vector<Mount> Store::mounts() {
 }
 
 std::optional<Mount> Store::mount(int64_t id) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_, "SELECT id, name, lasttime, created FROM mounts WHERE id = ?");
   s.bind(1, id);
   if (!s.step()) return std::nullopt;
@@ -200,7 +202,7 @@ std::optional<Item> Store::itemLocked(int64_t mountId, std::string_view uuid) {
 }
 
 std::optional<Item> Store::item(int64_t mountId, std::string_view uuid) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return itemLocked(mountId, uuid);
 }
 
@@ -240,13 +242,13 @@ std::optional<Item> Store::resolveLocked(int64_t mountId, std::string_view webpa
 }
 
 std::optional<Item> Store::itemAt(int64_t mountId, std::string_view webpath) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return resolveLocked(mountId, webpath);
 }
 
 bool Store::forEachChild(int64_t mountId, std::string_view folderUuid,
                          const std::function<void(const Item&)>& fn) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!liveFolder(mountId, folderUuid)) return false;
   Stmt s(*db_, select("i.mount_id = ? AND i.up_hash = ? AND ") + kLive + " ORDER BY i.name");
   s.bind(1, mountId).bind(2, folderUuid);
@@ -255,7 +257,7 @@ bool Store::forEachChild(int64_t mountId, std::string_view folderUuid,
 }
 
 std::vector<Item> Store::trashed() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   std::vector<Item> out;
   Stmt s(*db_, select("i.status = 7 ORDER BY i.mount_id, i.name"));
   while (s.step()) out.push_back(readItem(s));
@@ -263,7 +265,7 @@ std::vector<Item> Store::trashed() {
 }
 
 void Store::forEachChange(uint64_t after, const std::function<void(const Item&)>& fn) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_, select("i.cursor > ? ORDER BY i.cursor"));
   s.bind(1, static_cast<int64_t>(after));
   while (s.step()) fn(readItem(s));
@@ -271,7 +273,7 @@ void Store::forEachChange(uint64_t after, const std::function<void(const Item&)>
 
 Result<Mount> Store::addMount(std::string_view name, uint64_t lastTime) {
   if (!isValidName(name)) return badName();
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_, "INSERT INTO mounts(name, lasttime, created) VALUES(?, ?, ?)");
   s.bind(1, name)
       .bind(2, static_cast<int64_t>(lastTime))
@@ -282,7 +284,7 @@ Result<Mount> Store::addMount(std::string_view name, uint64_t lastTime) {
 
 Result<Mount> Store::renameMount(int64_t mountId, std::string_view name) {
   if (!isValidName(name)) return badName();
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_, "UPDATE mounts SET name = ?, lasttime = ? WHERE id = ?");
   s.bind(1, name).bind(2, static_cast<int64_t>(nowSeconds())).bind(3, mountId);
   if (!s.run()) return dbFailure(*db_);
@@ -314,7 +316,7 @@ Result<Item> Store::makeFolder(int64_t mountId, std::string_view webpath, uint64
                                uint64_t mtime) {
   if (!isValidWebpath(webpath)) return badName();
   auto [parentPath, name] = splitParent(webpath);
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto parent = folderLocked(mountId, parentPath);
   if (!parent.ok()) return parent.failure();
   if (auto existing = childNamed(mountId, parent->uuid, name)) {
@@ -343,7 +345,7 @@ Result<Reservation> Store::reserve(int64_t mountId, std::string_view webpath,
                                    uint64_t mtime, bool persist) {
   if (!isValidWebpath(webpath)) return badName();
   auto [parentPath, name] = splitParent(webpath);
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto parent = folderLocked(mountId, parentPath);
   if (!parent.ok()) return parent.failure();
   Reservation r{
@@ -370,7 +372,7 @@ Result<Reservation> Store::reserve(int64_t mountId, std::string_view webpath,
 }
 
 std::optional<Reservation> Store::reservation(int64_t mountId, std::string_view uuid) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_,
          "SELECT up_hash, webpath, filehash, size, ctime, mtime FROM reservations WHERE mount_id = "
          "? AND "
@@ -389,7 +391,7 @@ std::optional<Reservation> Store::reservation(int64_t mountId, std::string_view 
 
 Result<Item> Store::commitFile(const Reservation& r) {
   auto [parentPath, name] = splitParent(r.webpath);
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto parent = resolveLocked(r.mountId, parentPath);
   if (!parent || !parent->dir) return fail(404, kNotFound, "parent folder is gone");
   Transaction tx(*db_);
@@ -429,7 +431,7 @@ Result<Item> Store::commitFile(const Reservation& r) {
 
 Result<Item> Store::setContents(int64_t mountId, std::string_view uuid, std::string_view fileHash,
                                 uint64_t size, uint64_t mtime) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = itemLocked(mountId, uuid);
   if (!it || it->root) return notFound();
   if (it->dir) return fail(409, kNotFolder, "a folder has no contents");
@@ -472,7 +474,7 @@ bool Store::relocate(const Item& item, std::string_view upHash, std::string_view
 
 Result<Item> Store::rename(int64_t mountId, std::string_view uuid, std::string_view name) {
   if (!isValidName(name)) return badName();
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = itemLocked(mountId, uuid);
   if (!it) return notFound();
   if (it->root) return fail(403, kRootRefused, "a mount root cannot be renamed here");
@@ -499,7 +501,7 @@ bool Store::isInside(int64_t mountId, std::string_view folder, std::string_view 
 
 Result<Item> Store::move(int64_t mountId, std::string_view uuid, int64_t toMount,
                          std::string_view toParent) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = itemLocked(mountId, uuid);
   if (!it) return notFound();
   if (it->root) return fail(403, kRootRefused, "a mount root cannot be moved");
@@ -516,7 +518,7 @@ Result<Item> Store::move(int64_t mountId, std::string_view uuid, int64_t toMount
 }
 
 Result<Item> Store::trash(int64_t mountId, std::string_view uuid) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = itemLocked(mountId, uuid);
   if (!it) return fail(400, kAlreadyGone, "no such item");
   if (it->root) return fail(403, kRootRefused, "a mount root cannot be trashed");
@@ -541,7 +543,7 @@ std::string Store::freeName(int64_t mountId, std::string_view folder, std::strin
 }
 
 Result<Item> Store::restore(int64_t mountId, std::string_view uuid) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = itemLocked(mountId, uuid);
   if (!it || it->root) return notFound();
   if (it->status != kStatusTrash) return fail(409, kNotInTrash, "the item is not in the trash");
@@ -558,7 +560,7 @@ Result<Item> Store::restore(int64_t mountId, std::string_view uuid) {
 }
 
 Result<Item> Store::erase(int64_t mountId, std::string_view uuid) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = itemLocked(mountId, uuid);
   if (!it) return notFound();
   if (it->root) return fail(403, kRootRefused, "a mount root cannot be erased");
@@ -574,56 +576,91 @@ Result<Item> Store::erase(int64_t mountId, std::string_view uuid) {
   return *it;
 }
 
+bool Store::logSync(int64_t mountId, std::string_view uuid, std::string_view query,
+                    std::optional<int64_t> status) {
+  Stmt add(
+      *db_,
+      "INSERT INTO sync_log(mount_id, uuid_hash, query, local_status, at) VALUES(?, ?, ?, ?, ?)");
+  add.bind(1, mountId).bind(2, uuid).bind(3, query).bind(5, static_cast<int64_t>(nowSeconds()));
+  if (status)
+    add.bind(4, *status);
+  else
+    add.bindNull(4);
+  Stmt trim(*db_, "DELETE FROM sync_log WHERE seq <= (SELECT MAX(seq) FROM sync_log) - ?");
+  trim.bind(1, kSyncLogLength);
+  return add.run() && trim.run();
+}
+
 Result<bool> Store::setLocalStatus(int64_t mountId, std::string_view uuid, int64_t status) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!itemLocked(mountId, uuid)) return notFound();
+  Transaction tx(*db_);
   Stmt s(*db_,
          "INSERT OR REPLACE INTO sync_records(mount_id, uuid_hash, local_status, updated) "
          "VALUES(?, ?, ?, ?)");
   s.bind(1, mountId).bind(2, uuid).bind(3, status).bind(4, static_cast<int64_t>(nowSeconds()));
-  if (!s.run()) return dbFailure(*db_);
+  if (!s.run() || !logSync(mountId, uuid, "updatestatus", status) || !tx.commit())
+    return dbFailure(*db_);
   return true;
 }
 
 std::optional<int64_t> Store::localStatus(int64_t mountId, std::string_view uuid) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_, "SELECT local_status FROM sync_records WHERE mount_id = ? AND uuid_hash = ?");
   s.bind(1, mountId).bind(2, uuid);
   if (!s.step()) return std::nullopt;
   return s.integer(0);
 }
 
-void Store::dropSyncRecord(int64_t mountId, std::string_view uuid) {
-  std::lock_guard lock(mutex_);
+Result<void> Store::dropSyncRecord(int64_t mountId, std::string_view uuid) {
+  MutexLock lock(mutex_);
+  Transaction tx(*db_);
   Stmt s(*db_, "DELETE FROM sync_records WHERE mount_id = ? AND uuid_hash = ?");
   s.bind(1, mountId).bind(2, uuid);
-  s.run();
+  if (!s.run() || !logSync(mountId, uuid, "deletesyncdb", std::nullopt) || !tx.commit())
+    return dbFailure(*db_);
+  return {};
 }
 
-bool Store::saveSession(const SessionRow& row) {
-  std::lock_guard lock(mutex_);
+std::vector<SyncLogEntry> Store::syncLog() {
+  MutexLock lock(mutex_);
+  std::vector<SyncLogEntry> out;
+  Stmt s(*db_,
+         "SELECT seq, mount_id, uuid_hash, query, local_status, at FROM sync_log ORDER BY seq");
+  while (s.step()) {
+    SyncLogEntry e{
+        static_cast<uint64_t>(s.integer(0)), s.integer(1), s.text(2), s.text(3), std::nullopt,
+        static_cast<uint64_t>(s.integer(5))};
+    if (!s.isNull(4)) e.status = s.integer(4);
+    out.push_back(std::move(e));
+  }
+  return out;
+}
+
+Result<void> Store::saveSession(const SessionRow& row) {
+  MutexLock lock(mutex_);
   Stmt s(*db_,
          "INSERT OR REPLACE INTO sessions(id, port, mount_id, uuid_hash, filehash, size, created) "
-         "VALUES(?, "
-         "?, ?, ?, ?, ?, ?)");
+         "VALUES(?, ?, ?, ?, ?, ?, ?)");
   s.bind(1, row.id)
       .bind(2, int64_t{row.port})
       .bind(3, row.mountId)
       .bind(4, row.uuid)
       .bind(5, row.fileHash);
   s.bind(6, static_cast<int64_t>(row.size)).bind(7, static_cast<int64_t>(row.created));
-  return s.run();
+  if (!s.run()) return fail(500, kStorage, "cannot record the session: " + db_->error());
+  return {};
 }
 
 void Store::dropSession(std::string_view id) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stmt s(*db_, "DELETE FROM sessions WHERE id = ?");
   s.bind(1, id);
   s.run();
 }
 
 std::vector<SessionRow> Store::sessions() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   std::vector<SessionRow> out;
   Stmt s(*db_, "SELECT id, port, mount_id, uuid_hash, filehash, size, created FROM sessions");
   while (s.step())
@@ -635,7 +672,7 @@ std::vector<SessionRow> Store::sessions() {
 Result<size_t> Store::addManyFiles(int64_t mountId, std::string_view folderUuid, size_t count,
                                    std::string_view prefix, std::string_view fileHash,
                                    uint64_t size) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto parent = liveFolder(mountId, folderUuid);
   if (!parent) return fail(404, kNotFound, "no such folder");
   Transaction tx(*db_);

@@ -4,7 +4,8 @@
 // a reply reports survives a kill -9 of the process.
 //
 // Store owns its connection and serialises all calls behind one mutex; any
-// thread may call any method. Item rules: uuid hashes are 32 random lowercase
+// thread may call any method. Callbacks run with that mutex held and must not
+// call back into the store. Item rules: uuid hashes are 32 random lowercase
 // hex characters, unique within a mount; a mount's root folder has the uuid
 // hash "" (its children have up_hash ""); names are unique among the live
 // children of a folder; status 7 means "in the trash", anything else is live.
@@ -15,13 +16,13 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Outcome.h"
+#include "platform/ThreadAnnotations.h"
 
 namespace hvfp::hostd {
 
@@ -81,6 +82,16 @@ struct SessionRow {
   uint64_t created = 0;
 };
 
+// One "updatestatus" or "deletesyncdb" the store took, oldest first.
+struct SyncLogEntry {
+  uint64_t seq = 0;
+  int64_t mountId = 0;
+  std::string uuid;
+  std::string query;              // "updatestatus" or "deletesyncdb"
+  std::optional<int64_t> status;  // the local status set; none for a deletion
+  uint64_t at = 0;                // seconds since the epoch
+};
+
 // Name rules shared by every way an item gets a name.
 bool isValidName(std::string_view name);
 bool isValidWebpath(std::string_view webpath);
@@ -88,7 +99,7 @@ uint64_t nowSeconds();
 
 class Store {
  public:
-  static std::unique_ptr<Store> open(const std::filesystem::path& file, std::string* why);
+  static Result<std::unique_ptr<Store>> open(const std::filesystem::path& file);
   ~Store();
 
   bool empty();
@@ -129,11 +140,15 @@ class Store {
   // Removes an item and everything below it for good; returns what it was.
   Result<Item> erase(int64_t mountId, std::string_view uuid);
 
+  // The provider's sync record of an item; both changes are logged.
   Result<bool> setLocalStatus(int64_t mountId, std::string_view uuid, int64_t status);
   std::optional<int64_t> localStatus(int64_t mountId, std::string_view uuid);
-  void dropSyncRecord(int64_t mountId, std::string_view uuid);
+  Result<void> dropSyncRecord(int64_t mountId, std::string_view uuid);
+  // The last kSyncLogLength sync-record changes, oldest first.
+  std::vector<SyncLogEntry> syncLog();
+  static constexpr int64_t kSyncLogLength = 1000;
 
-  bool saveSession(const SessionRow& row);
+  Result<void> saveSession(const SessionRow& row);
   void dropSession(std::string_view id);
   std::vector<SessionRow> sessions();
 
@@ -144,21 +159,27 @@ class Store {
 
  private:
   explicit Store(std::unique_ptr<Db> db);
-  bool migrate(std::string* why);
-  uint64_t bumpCursor();
-  std::optional<Item> itemLocked(int64_t mountId, std::string_view uuid);
-  std::optional<Item> childNamed(int64_t mountId, std::string_view folder, std::string_view name);
-  std::optional<Item> resolveLocked(int64_t mountId, std::string_view webpath);
+  Result<void> migrate() REQUIRES(mutex_);
+  uint64_t bumpCursor() REQUIRES(mutex_);
+  bool logSync(int64_t mountId, std::string_view uuid, std::string_view query,
+               std::optional<int64_t> status) REQUIRES(mutex_);
+  std::optional<Item> itemLocked(int64_t mountId, std::string_view uuid) REQUIRES(mutex_);
+  std::optional<Item> childNamed(int64_t mountId, std::string_view folder, std::string_view name)
+      REQUIRES(mutex_);
+  std::optional<Item> resolveLocked(int64_t mountId, std::string_view webpath) REQUIRES(mutex_);
   // The folder at `webpath`, or the failure a new item under it reports.
-  Result<Item> folderLocked(int64_t mountId, std::string_view webpath);
-  std::optional<Item> liveFolder(int64_t mountId, std::string_view uuid);
-  bool isInside(int64_t mountId, std::string_view folder, std::string_view ancestor);
-  bool relocate(const Item& item, std::string_view upHash, std::string_view name, uint64_t cursor);
-  std::string freeName(int64_t mountId, std::string_view folder, std::string_view name);
-  Result<Item> insertItem(Item item);
+  Result<Item> folderLocked(int64_t mountId, std::string_view webpath) REQUIRES(mutex_);
+  std::optional<Item> liveFolder(int64_t mountId, std::string_view uuid) REQUIRES(mutex_);
+  bool isInside(int64_t mountId, std::string_view folder, std::string_view ancestor)
+      REQUIRES(mutex_);
+  bool relocate(const Item& item, std::string_view upHash, std::string_view name, uint64_t cursor)
+      REQUIRES(mutex_);
+  std::string freeName(int64_t mountId, std::string_view folder, std::string_view name)
+      REQUIRES(mutex_);
+  Result<Item> insertItem(Item item) REQUIRES(mutex_);
 
-  std::mutex mutex_;
-  std::unique_ptr<Db> db_;
+  Mutex mutex_;
+  std::unique_ptr<Db> db_ GUARDED_BY(mutex_);
 };
 
 }  // namespace hvfp::hostd

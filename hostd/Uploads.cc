@@ -9,6 +9,8 @@ namespace hvfp::hostd {
 
 namespace fs = std::filesystem;
 
+// `row` and `partial` never change; the rest is read and written only with
+// UploadSessions::mutex_ held.
 struct PieceWriter::Session {
   SessionRow row;
   fs::path partial;
@@ -26,12 +28,17 @@ Failure unknownSession() { return fail(401, kSessionUnknown, "unknown or expired
 
 PieceWriter::PieceWriter(UploadSessions& owner, std::shared_ptr<Session> session, uint64_t start,
                          uint64_t length, int fd)
-    : owner_(owner), session_(std::move(session)), start_(start), length_(length), fd_(fd) {
-  if (session_->hash) hash_ = *session_->hash;
+    : owner_(owner),
+      session_(std::move(session)),
+      start_(start),
+      length_(length),
+      fd_(fd),
+      hashing_(session_->hash.has_value()) {
+  if (hashing_) hash_ = *session_->hash;
 }
 
 PieceWriter::~PieceWriter() {
-  std::lock_guard lock(owner_.mutex_);
+  MutexLock lock(owner_.mutex_);
   if (!committed_ && !session_->dead) {
     // A piece is taken whole or not at all: cut back what a broken transfer left.
     if (::ftruncate(fd_, static_cast<off_t>(start_)) != 0) session_->hash.reset();
@@ -42,7 +49,7 @@ PieceWriter::~PieceWriter() {
 
 bool PieceWriter::write(const char* data, size_t size) {
   if (written_ + size > length_) return false;
-  if (session_->hash) hash_.update(data, size);
+  if (hashing_) hash_.update(data, size);
   while (size > 0) {
     ssize_t n = ::pwrite(fd_, data, size, static_cast<off_t>(start_ + written_));
     if (n < 0) {
@@ -57,11 +64,11 @@ bool PieceWriter::write(const char* data, size_t size) {
 }
 
 std::optional<uint64_t> PieceWriter::commit() {
-  std::lock_guard lock(owner_.mutex_);
+  MutexLock lock(owner_.mutex_);
   if (written_ != length_ || session_->dead) return std::nullopt;
   committed_ = true;
   session_->offset = start_ + length_;
-  if (session_->hash) session_->hash = hash_;
+  if (hashing_ && session_->hash) session_->hash = hash_;
   return session_->offset;
 }
 
@@ -69,7 +76,7 @@ UploadSessions::UploadSessions(Store& store, BlobStore& blobs) : store_(store), 
 UploadSessions::~UploadSessions() = default;
 
 void UploadSessions::load() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   for (auto& row : store_.sessions()) {
     auto s = std::make_shared<Session>();
     s->row = row;
@@ -123,7 +130,7 @@ Result<OpenedSession> UploadSessions::open(int port, int64_t mountId, std::strin
     if (!item.ok()) return item.failure();
     return OpenedSession{"", true, item.value()};
   }
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   // Another attempt on the same server resumes where the last one stopped.
   for (auto& [id, s] : sessions_) {
     if (s->row.port == port && s->row.mountId == mountId && s->row.uuid == uuid &&
@@ -138,28 +145,29 @@ Result<OpenedSession> UploadSessions::open(int port, int64_t mountId, std::strin
   int fd = ::open(s->partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return fail(500, kStorage, "cannot create the session's file");
   ::close(fd);
-  if (!store_.saveSession(s->row)) return fail(500, kStorage, "cannot record the session");
+  if (auto saved = store_.saveSession(s->row); !saved.ok()) return saved.failure();
   sessions_[s->row.id] = s;
   return OpenedSession{s->row.id, false, std::nullopt};
 }
 
 Result<uint64_t> UploadSessions::offset(int port, std::string_view id) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto s = findLocked(port, id);
   if (!s) return unknownSession();
   return s->offset;
 }
 
 uint64_t UploadSessions::currentOffset(std::string_view id) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = sessions_.find(id);
   return it == sessions_.end() ? 0 : it->second->offset;
 }
 
 Result<Item> UploadSessions::finish(int port, std::string_view id, uint64_t size) {
   std::shared_ptr<Session> s;
+  std::optional<Sha1> running;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     s = findLocked(port, id);
     if (!s) return unknownSession();
     if (s->busy) return fail(409, kIncomplete, "a piece is still being received");
@@ -169,10 +177,11 @@ Result<Item> UploadSessions::finish(int port, std::string_view id, uint64_t size
                   "the session holds " + std::to_string(s->offset) + " of " +
                       std::to_string(s->row.size) + " bytes");
     s->busy = true;  // no piece and no second close while the digest is checked
+    running = s->hash;
   }
   std::optional<std::string> digest =
-      s->hash ? std::optional(s->hash->hex()) : sha1OfFile(s->partial);
-  std::lock_guard lock(mutex_);
+      running ? std::optional(running->hex()) : sha1OfFile(s->partial);
+  MutexLock lock(mutex_);
   s->busy = false;
   // An abort or the expiry may have ended the session while its digest was
   // being taken: to the client that is a session it no longer has.
@@ -198,7 +207,7 @@ Result<Item> UploadSessions::finish(int port, std::string_view id, uint64_t size
 }
 
 Result<bool> UploadSessions::abort(int port, std::string_view id) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto s = findLocked(port, id);
   if (!s) return unknownSession();
   if (s->busy) return fail(409, kIncomplete, "a piece or a close is in progress");
@@ -208,7 +217,7 @@ Result<bool> UploadSessions::abort(int port, std::string_view id) {
 
 PieceVerdict UploadSessions::beginPiece(int port, std::string_view id, uint64_t first,
                                         uint64_t last, std::unique_ptr<PieceWriter>* writer) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto s = findLocked(port, id);
   if (!s) return {PieceVerdict::UnknownSession, 0};
   if (s->offset >= s->row.size) return {PieceVerdict::Complete, s->offset};

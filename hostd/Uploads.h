@@ -9,16 +9,16 @@
 // is then recomputed from the partial file at close).
 //
 // UploadSessions is owned by the Host; every method locks an internal mutex
-// and may be called from any thread. A PieceWriter is used by the one
-// connection thread that received the piece; while it lives the session is
-// busy and refuses other pieces.
+// and may be called from any thread. Each session's state changes only with
+// that mutex held. A PieceWriter is used by the one connection thread that
+// received the piece; while it lives the session is busy and refuses other
+// pieces and closes.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,6 +27,7 @@
 #include "Digest.h"
 #include "Outcome.h"
 #include "Store.h"
+#include "platform/ThreadAnnotations.h"
 
 namespace hvfp::hostd {
 
@@ -66,6 +67,7 @@ class PieceWriter {
   uint64_t length_;
   uint64_t written_ = 0;
   int fd_;
+  bool hashing_;  // the session's digest is known up to start_, so the piece extends it
   Sha1 hash_;
   bool committed_ = false;
 };
@@ -96,13 +98,13 @@ class UploadSessions {
  private:
   friend class PieceWriter;
   using Session = PieceWriter::Session;
-  std::shared_ptr<Session> findLocked(int port, std::string_view id);
-  void dropLocked(const std::string& id);
+  std::shared_ptr<Session> findLocked(int port, std::string_view id) REQUIRES(mutex_);
+  void dropLocked(const std::string& id) REQUIRES(mutex_);
 
   Store& store_;
   BlobStore& blobs_;
-  std::mutex mutex_;
-  std::map<std::string, std::shared_ptr<Session>, std::less<>> sessions_;
+  Mutex mutex_;
+  std::map<std::string, std::shared_ptr<Session>, std::less<>> sessions_ GUARDED_BY(mutex_);
 };
 
 }  // namespace hvfp::hostd

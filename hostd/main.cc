@@ -50,9 +50,8 @@ int runHost(hvfp::hostd::HostConfig config) {
     return 2;
   }
   hvfp::hostd::Host host(std::move(config));
-  std::string why;
-  if (!host.start(&why)) {
-    std::cerr << "halvo-hostd: " << why << "\n";
+  if (auto started = host.start(); !started.ok()) {
+    std::cerr << "halvo-hostd: " << started.failure().message << "\n";
     return 1;
   }
   int sig = 0;

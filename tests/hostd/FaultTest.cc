@@ -1,5 +1,6 @@
 // Fault injection through the admin endpoint, and requests a hostile or
 // broken client could send: every one gets a JSON error, none a crash.
+#include "Digest.h"
 #include "HostdFixture.h"
 
 namespace hvfp::hostd::test {
@@ -40,46 +41,96 @@ TEST_F(HostdFaults, BodyNotJsonDelayAndDrop) {
   EXPECT_EQ(listOf(query("type=links")).size(), 3u);
 }
 
-TEST_F(HostdFaults, UploadStepFaultsApplyUntilCleared) {
-  ctl("fault", "target=uploadfinish&kind=status&status=500&code=51300&count=5");
-  auto v = query("type=uploadfinish&host=x&session=y&cookie=&filesize=1");
-  EXPECT_EQ(intOf(v, "status_code"), 500);
-  EXPECT_EQ(intOf(v, "error_code"), 51300);
+TEST_F(HostdFaults, EachUploadStepCanBeMadeToFailForItsCount) {
+  std::string hash = sha1Hex("three");
+  const std::pair<const char*, std::string> steps[] = {
+      {"create", createQuery("steps.bin", hash, 5)},
+      {"uploadinit", "type=uploadinit&host=" + enc(uploadUrl(0)) +
+                         "&filename=steps.bin&pathhash=x&filehash=" + hash +
+                         "&storagepoint=hostd-local&cookie=&filesize=5&mount_id=1"},
+      {"uploadreq", "type=uploadreq&host=" + enc(uploadUrl(0)) + "&session=s&cookie="},
+      {"uploadfinish", "type=uploadfinish&host=x&session=y&cookie=&filesize=1"},
+      {"uploadabort", "type=uploadabort&host=" + enc(uploadUrl(0)) + "&session=s&cookie="},
+  };
+  for (const auto& [type, q] : steps) {
+    ctl("fault", std::string("target=") + type + "&kind=status&status=503&code=51300&count=2");
+    for (int i = 0; i < 2; ++i) {
+      auto v = query(q);
+      EXPECT_EQ(intOf(v, "status_code"), 503) << type;
+      EXPECT_EQ(intOf(v, "error_code"), 51300) << type;
+    }
+    EXPECT_NE(intOf(query(q), "error_code"), 51300) << type;  // used up
+  }
   ctl("fault", "target=trash&kind=status&count=5");
+  ctl("fault", "target=uploadfinish&kind=status&count=-1");
   ctl("clear-faults", "");
   EXPECT_EQ(intOf(query("type=trash"), "status_code"), 200);
-  EXPECT_NE(intOf(query("type=uploadfinish&host=x&session=y&cookie=&filesize=1"), "error_code"),
-            51300);
+  EXPECT_EQ(intOf(query(steps[3].second), "error_code"), kServerDown);
 }
 
-TEST_F(HostdFaults, PieceFaults) {
-  auto put = [&] {
-    RawConn c(portOf(uploadUrl(0)));
-    c.send(pieceHead("s", 0, 9, 10));
-    return c.reply();
+// What a client reading the whole reply sees while a fault is armed: blobs
+// from the download server, and query replies.
+TEST_F(HostdFaults, CutSlowAndFailedTransfersAsAClientSeesThem) {
+  auto made = ctl("add-file", "mount=1&name=big.bin&size=100000&seed=7");
+  const std::string blob = "/blob/" + strOf(made, "filehash");
+  const int dl = host_->downloadPort(), q = host_->queryPort();
+  const std::string whole = rawGet(dl, blob).body;
+  const std::string links = rawGet(q, "/provider?type=links").body;
+  ASSERT_EQ(whole.size(), 100000u);
+  struct Case {
+    std::string fault;
+    int port;
+    std::string target, headers;
+    int status;
+    std::string body;  // exactly what arrives
+    bool complete;     // all of the announced Content-Length arrived
   };
-  ctl("fault", "target=piece&kind=expect&expect=4096");
-  auto r409 = put();
-  EXPECT_EQ(r409.status, 409);
-  EXPECT_NE(r409.body.find(R"({"error_code":40900,"expect":4096})"), std::string::npos);
-  ctl("fault", "target=piece&kind=complete");
-  EXPECT_EQ(put().status, 202);
-  ctl("fault", "target=piece&kind=reset");
-  EXPECT_EQ(put().status, 0);
-  ctl("fault", "target=piece&kind=status&status=500&code=7");
-  EXPECT_EQ(put().status, 500);
-  EXPECT_EQ(put().status, 401);  // disarmed: unknown session
+  const Case cases[] = {
+      {"target=blob&kind=status&status=503&code=7", dl, blob, "", 503,
+       R"({"error_code":7,"error_msg":"injected fault","status_code":503})", true},
+      {"target=blob&kind=cut&after=1000", dl, blob, "", 200, whole.substr(0, 1000), false},
+      {"target=blob&kind=cut&after=5", dl, blob, "Range: bytes=10-\r\n", 206, whole.substr(10, 5),
+       false},
+      {"target=blob&kind=slow&chunk=16384&delay=5", dl, blob, "", 200, whole, true},
+      {"target=blob&kind=delay&delay=20", dl, blob, "", 200, whole, true},
+      {"target=blob&kind=drop", dl, blob, "", 200, "", false},
+      {"target=links&kind=cut&after=10", q, "/provider?type=links", "", 200, links.substr(0, 10),
+       false},
+      {"target=links&kind=slow&chunk=7&delay=1", q, "/provider?type=links", "", 200, links, true},
+  };
+  for (const auto& c : cases) {
+    ctl("fault", c.fault);
+    auto r = rawGet(c.port, c.target, c.headers);
+    EXPECT_EQ(r.status, c.status) << c.fault;
+    EXPECT_EQ(r.body.size(), c.body.size()) << c.fault;
+    EXPECT_TRUE(r.body == c.body) << c.fault;
+    EXPECT_EQ(r.complete, c.complete) << c.fault;
+  }
+  EXPECT_TRUE(ctl("status", "").find("faults")->object()->empty());
+  EXPECT_TRUE(rawGet(dl, blob).body == whole);
 }
 
-TEST_F(HostdFaults, DownloadFaultsAndUnknownFaultsOrCommands) {
-  httplib::Client dl("127.0.0.1", host_->downloadPort());
-  std::string path = "/blob/" + strOf(child(1, "", "README.txt"), "filehash");
-  ctl("fault", "target=blob&kind=status&status=500&body=oops");
-  auto bad = dl.Get(path.c_str());
-  ASSERT_TRUE(bad);
-  EXPECT_EQ(bad->status, 500);
-  EXPECT_EQ(dl.Get(path.c_str())->body, "Welcome to Docs.\n");
+TEST_F(HostdFaults, AClientMayAbandonASlowDownloadAndTheServerGoesOn) {
+  auto made = ctl("add-file", "mount=1&name=slow.bin&size=200000");
+  const std::string blob = "/blob/" + strOf(made, "filehash");
+  ctl("fault", "target=blob&kind=slow&chunk=1000&delay=20&count=2");
+  {
+    RawConn c(host_->downloadPort());
+    c.send("GET " + blob + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+    auto r = c.partialReply(1500);
+    EXPECT_EQ(r.status, 200);
+    EXPECT_LT(r.body.size(), 200000u);
+  }  // closed midway
+  auto slow = rawGet(host_->downloadPort(), blob, "Range: bytes=199000-\r\n");
+  EXPECT_EQ(slow.status, 206);
+  EXPECT_TRUE(slow.complete);
+  EXPECT_EQ(slow.body.size(), 1000u);
+  EXPECT_EQ(rawGet(host_->downloadPort(), blob).body.size(), 200000u);
+}
+
+TEST_F(HostdFaults, UnknownFaultsAndCommandsAreRefused) {
   EXPECT_EQ(intOf(ctl("fault", "target=files&kind=explode"), "status_code"), 400);
+  EXPECT_EQ(intOf(ctl("fault", "kind=status"), "status_code"), 400);
   EXPECT_NE(intOf(ctl("frobnicate", "mount=1&path=README.txt"), "status_code"), 200);
 }
 

@@ -57,6 +57,8 @@ inline JsonArray listOf(const JsonValue& v) {
 struct RawReply {
   int status = 0;  // 0: no reply at all
   std::string body;
+  size_t announced = 0;   // its Content-Length
+  bool complete = false;  // the whole announced body arrived
 };
 
 // One raw client connection, so that early replies and closed connections are
@@ -89,12 +91,30 @@ class RawConn {
     }
     RawReply r{std::stoi(buf.substr(9, 3)), buf.substr(headEnd + 4)};
     auto cl = buf.find("Content-Length: ");
-    size_t length = cl == std::string::npos ? 0 : std::stoul(buf.substr(cl + 16));
-    while (r.body.size() < length) {
+    r.announced = cl == std::string::npos ? 0 : std::stoul(buf.substr(cl + 16));
+    while (r.body.size() < r.announced) {
       ssize_t n = ::recv(fd_, tmp, sizeof tmp, 0);
       if (n <= 0) break;
       r.body.append(tmp, size_t(n));
     }
+    r.complete = r.body.size() == r.announced;
+    return r;
+  }
+  // Reads the head and at least `n` body bytes (or what comes before the
+  // end), then stops reading.
+  RawReply partialReply(size_t n) {
+    RawReply r;
+    std::string buf;
+    char tmp[4096];
+    size_t headEnd;
+    while ((headEnd = buf.find("\r\n\r\n")) == std::string::npos || buf.size() < headEnd + 4 + n) {
+      ssize_t got = ::recv(fd_, tmp, sizeof tmp, 0);
+      if (got <= 0) break;
+      buf.append(tmp, size_t(got));
+    }
+    if (headEnd == std::string::npos) return r;
+    r.status = std::stoi(buf.substr(9, 3));
+    r.body = buf.substr(headEnd + 4);
     return r;
   }
 
@@ -117,6 +137,13 @@ inline std::string pieceHead(const std::string& session, uint64_t first, uint64_
   return "PUT /upload_part HTTP/1.1\r\nHost: 127.0.0.1\r\nx-tb-upload-session: " + session +
          "\r\nx-tb-upload-range: " + std::to_string(first) + "-" + std::to_string(last) +
          "\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+}
+
+// A GET sent on its own connection, and what came back.
+inline RawReply rawGet(int port, const std::string& target, const std::string& headers = "") {
+  RawConn c(port);
+  c.send("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + headers + "\r\n");
+  return c.reply();
 }
 
 inline int portOf(const std::string& url) { return std::stoi(url.substr(url.rfind(':') + 1)); }
@@ -151,8 +178,8 @@ class HostFixture : public ::testing::Test {
                  .seed = "sample"};
     configure(c);
     host_ = std::make_unique<Host>(c);
-    std::string why;
-    ASSERT_TRUE(host_->start(&why)) << why;
+    auto started = host_->start();
+    ASSERT_TRUE(started.ok()) << started.failure().message;
     client_ = std::make_unique<httplib::Client>("127.0.0.1", host_->queryPort());
     admin_ = std::make_unique<httplib::Client>("127.0.0.1", host_->adminPort());
   }

@@ -159,6 +159,57 @@ TEST_F(HostdPieces, OpeningStoredContentsIs202AndANewVersionKeepsTheItemsHash) {
   EXPECT_EQ(strOf(now, "filehash"), sha1Hex(two));
 }
 
+// Each piece fault as the client sees it, and what the session kept of the
+// piece (a fresh session per case).
+TEST_F(HostdPieces, PieceFaultsAsAClientSeesThemAndWhatTheSessionKeeps) {
+  const std::string data = "0123456789", a = uploadUrl(0);
+  const std::string other = std::to_string(portOf(uploadUrl(1)));
+  struct Case {
+    std::string fault;
+    int status;  // 0: no reply, the connection ended
+    int offset;
+    std::string bodyHas;
+  };
+  const Case cases[] = {
+      {"target=piece&kind=status&status=500&code=7", 500, 0, R"("error_code":7)"},
+      {"target=piece@" + std::to_string(portOf(a)) + "&kind=status&status=503", 503, 0, ""},
+      {"target=piece&kind=expect&expect=4096", 409, 0, R"({"error_code":40900,"expect":4096})"},
+      {"target=piece&kind=complete", 202, 0, ""},
+      {"target=piece&kind=notjson", 500, 0, "<html>"},
+      {"target=piece&kind=reset", 0, 0, ""},
+      {"target=piece&kind=drop", 0, 0, ""},
+      {"target=piece&kind=cut&after=4", 0, 0, ""},
+      {"target=piece&kind=cut&after=10", 0, 10, ""},  // kept; only its reply is lost
+      {"target=piece&kind=slow&chunk=3&delay=5", 200, 10, R"("offset":10)"},
+      {"target=piece&kind=delay&delay=20", 200, 10, ""},
+      {"target=piece@" + other + "&kind=status", 200, 10, ""},  // another server's
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    auto up = open(a, "fault" + std::to_string(n++) + ".bin", data);
+    ctl("fault", c.fault);
+    RawConn conn(portOf(a));
+    conn.send(pieceHead(up.session, 0, 9, 10) + data);
+    auto r = conn.reply();
+    EXPECT_EQ(r.status, c.status) << c.fault;
+    EXPECT_NE(r.body.find(c.bodyHas), std::string::npos) << c.fault << ": " << r.body;
+    EXPECT_EQ(intOf(step("uploadreq", a, up.session), "offset"), c.offset) << c.fault;
+    ctl("clear-faults", "");
+  }
+}
+
+TEST_F(HostdPieces, AnUploadServerCanRefuseEveryPieceUntilCleared) {
+  const std::string data = "abcdef", a = uploadUrl(0), b = uploadUrl(1);
+  const std::string target = "piece@" + std::to_string(portOf(a));
+  auto status = ctl("fault", "target=" + target + "&kind=status&status=500&count=-1");
+  EXPECT_EQ(intOf(*status.find("faults"), target), -1);
+  auto onA = open(a, "a.bin", data), onB = open(b, "b.bin", data);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(put(a, onA.session, 0, data), 500);
+  EXPECT_EQ(put(b, onB.session, 0, data), 200);
+  ctl("clear-faults", "");
+  EXPECT_EQ(put(a, onA.session, 0, data), 200);
+}
+
 TEST_F(HostdPieces, MalformedPiecesAreRefused) {
   auto up = open(uploadUrl(0), "m.txt", "0123456789");
   const std::string put = "PUT /upload_part HTTP/1.1\r\n";

@@ -124,8 +124,17 @@ TEST_F(HostdProcess, SeedAndCtlCommandsChangeTheCloud) {
       {{"write", "--mount", "3", "--path", "2024/y.jpg", "--text", "tiny"}, 0},
       {{"delete", "--mount", "3", "--path", "Albums"}, 0},
       {{"rename", "--mount", "3", "--path", "nope", "--name", "z"}, 1},
+      {{"fault", "--target", "blob", "--kind", "cut", "--after", "5", "--count", "-1"}, 0},
+      {{"fault", "--target", "piece", "--kind", "explode"}, 1},
+      {{"clear-faults"}, 0},
+      {{"sync-log"}, 0},
   };
   for (const auto& [args, exit] : commands) EXPECT_EQ(ctl(args), exit) << args[0];
+  ASSERT_EQ(ctl({"fault", "--help"}), 0);
+  std::ifstream help(root_.path() / "ctl.log");
+  std::string text(std::istreambuf_iterator<char>(help), {});
+  for (const char* word : {"piece@PORT", "cut", "slow", "--after", "--chunk"})
+    EXPECT_NE(text.find(word), std::string::npos) << word;
   bool found = false;
   for (auto& e : listOf(query("type=changefiles&lasttime=0")))
     if (strOf(e, "webpath") == "2024/y.jpg") found = intOf(e, "filesize") == 4;

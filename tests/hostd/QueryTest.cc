@@ -1,5 +1,7 @@
 // The query protocol over HTTP against an in-process host seeded with the
 // sample cloud: listings, moves, renames, trash, the change cursor, creation.
+#include <sys/stat.h>
+
 #include "Digest.h"
 #include "HostdFixture.h"
 
@@ -172,24 +174,59 @@ TEST_F(HostdQueries, DownloadGivesLocalPathOrUris) {
   EXPECT_EQ(dl.Get("/blob/" + std::string(40, 'a'))->status, 404);
 }
 
-TEST_F(HostdQueries, AddcacheTakesMatchingFilesOnlyAndSyncRecordsFollowTheirQueries) {
-  auto src = root_.path().parent_path() / ("addcache-" + randomHex(4));
-  std::ofstream(src) << "cache me";
+TEST_F(HostdQueries, AddcacheTakesMatchingRegularFilesOnly) {
+  auto dir = root_.path().parent_path() / ("addcache-" + randomHex(4));
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir / "file") << "cache me";
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  std::filesystem::create_symlink(dir / "fifo", dir / "to-fifo");
   auto addcache = [&](const std::string& path, const std::string& contents) {
     return query("type=addcache&path=" + enc(path) + "&filehash=" + sha1Hex(contents));
   };
-  EXPECT_EQ(intOf(addcache(src.string(), "other"), "error_code"), kHashMismatch);
-  EXPECT_EQ(intOf(addcache(src.string(), "cache me"), "status_code"), 200);
-  EXPECT_TRUE(host_->blobs().has(sha1Hex("cache me")));
-  EXPECT_NE(intOf(addcache("/tmp", "x"), "status_code"), 200);
-  // Reports size 0 and never ends: refused at once, nothing copied.
-  EXPECT_EQ(intOf(addcache("/proc/self/pagemap", "x"), "status_code"), 400);
-  std::filesystem::remove(src);
+  EXPECT_EQ(intOf(addcache((dir / "file").string(), "other"), "error_code"), kHashMismatch);
+  // None of these is read (a FIFO would block, a device or a kernel file
+  // has no size to trust), whatever hash comes with it.
+  const std::pair<std::string, int> refused[] = {
+      {(dir / "fifo").string(), 400},
+      {(dir / "to-fifo").string(), 400},
+      {dir.string(), 400},
+      {"/dev/zero", 400},
+      {"/dev/null", 400},
+      {"/proc/self/status", 400},
+      {"/proc/self/pagemap", 400},
+      {"/sys/kernel/uevent_seqnum", 400},
+      {(dir / "missing").string(), 404},
+      {"relative/path", 400},
+  };
+  const std::string unknown = "contents the store does not hold";
+  for (const auto& [path, status] : refused) {
+    EXPECT_EQ(intOf(addcache(path, unknown), "status_code"), status) << path;
+    EXPECT_FALSE(host_->blobs().has(sha1Hex(unknown))) << path;
+  }
+  EXPECT_EQ(intOf(addcache((dir / "file").string(), "cache me"), "status_code"), 200);
+  std::ifstream blob(host_->blobs().pathOf(sha1Hex("cache me")));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(blob), {}), "cache me");
+  std::filesystem::remove_all(dir);
+}
 
-  EXPECT_EQ(intOf(query(item("updatestatus", readme_, "&status=3")), "status_code"), 200);
+TEST_F(HostdQueries, SyncRecordQueriesAnswerJsonAndAreLogged) {
+  auto raw = [&](const std::string& q) { return client_->Get("/provider?" + q)->body; };
+  EXPECT_EQ(raw(item("updatestatus", readme_, "&status=3")), R"({"status_code":200})");
   EXPECT_EQ(host_->store().localStatus(1, readme_), 3);
-  EXPECT_EQ(intOf(query(item("deletesyncdb", readme_)), "status_code"), 200);
+  EXPECT_EQ(intOf(query(item("updatestatus", std::string(32, 'a'), "&status=1")), "status_code"),
+            404);
+  EXPECT_EQ(raw(item("deletesyncdb", readme_)), R"({"status_code":200})");
   EXPECT_FALSE(host_->store().localStatus(1, readme_).has_value());
+  auto log = listOf(ctl("sync-log", ""));
+  ASSERT_EQ(log.size(), 2u);
+  EXPECT_EQ(strOf(log[0], "query"), "updatestatus");
+  EXPECT_EQ(intOf(log[0], "local_status"), 3);
+  EXPECT_EQ(strOf(log[1], "query"), "deletesyncdb");
+  EXPECT_EQ(log[1].find("local_status"), nullptr);
+  for (auto& e : log) {
+    EXPECT_EQ(strOf(e, "uuidhash"), readme_);
+    EXPECT_EQ(intOf(e, "mount_id"), 1);
+  }
 }
 
 }  // namespace

@@ -1,126 +1,84 @@
 #include "support/LoopbackServer.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
-#include <condition_variable>
 #include <cstdlib>
-#include <stdexcept>
+
+#include "HttpWire.h"
 
 namespace hvfp::test {
 namespace {
 
 constexpr size_t kMaxHeader = 64 * 1024;
+constexpr size_t kBodyStep = 64 * 1024;
 
-bool equalsIgnoreCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) ==
-                  std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-bool sendAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    ssize_t n = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    data.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
-// Reads one request's head into `head`, leaving any extra bytes in `buffer`.
-bool readHead(int fd, std::string& buffer, std::string& head) {
-  for (;;) {
-    size_t end = buffer.find("\r\n\r\n");
-    if (end != std::string::npos) {
-      head = buffer.substr(0, end);
-      buffer.erase(0, end + 4);
-      return true;
-    }
-    if (buffer.size() > kMaxHeader) return false;
-    char chunk[4096];
-    ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-    if (n <= 0) return false;
-    buffer.append(chunk, static_cast<size_t>(n));
-  }
-}
-
-bool readBody(int fd, std::string& buffer, size_t length, std::string& body) {
-  while (buffer.size() < length) {
-    char chunk[65536];
-    ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-    if (n <= 0) return false;
-    buffer.append(chunk, static_cast<size_t>(n));
-  }
-  body = buffer.substr(0, length);
-  buffer.erase(0, length);
-  return true;
-}
-
-RecordedRequest parseHead(const std::string& head) {
+RecordedRequest recorded(wire::RequestHead head) {
   RecordedRequest r;
-  size_t lineEnd = head.find("\r\n");
-  std::string line = head.substr(0, lineEnd);
-  size_t sp1 = line.find(' ');
-  size_t sp2 = line.find(' ', sp1 + 1);
-  r.method = line.substr(0, sp1);
-  r.target = line.substr(sp1 + 1, sp2 - sp1 - 1);
-  size_t q = r.target.find('?');
-  r.path = r.target.substr(0, q);
-  if (q != std::string::npos) r.query = r.target.substr(q + 1);
-  size_t pos = lineEnd == std::string::npos ? head.size() : lineEnd + 2;
-  while (pos < head.size()) {
-    size_t next = head.find("\r\n", pos);
-    if (next == std::string::npos) next = head.size();
-    std::string h = head.substr(pos, next - pos);
-    size_t colon = h.find(':');
-    if (colon != std::string::npos) {
-      size_t v = colon + 1;
-      while (v < h.size() && h[v] == ' ') ++v;
-      r.headers.emplace_back(h.substr(0, colon), h.substr(v));
-    }
-    pos = next + 2;
-  }
+  r.method = std::move(head.method);
+  r.target = std::move(head.target);
+  r.path = std::move(head.path);
+  r.query = std::move(head.query);
+  r.headers = std::move(head.headers);
   return r;
-}
-
-std::string statusLine(int status) {
-  return "HTTP/1.1 " + std::to_string(status) + " Scripted\r\n";
 }
 
 }  // namespace
 
 std::optional<std::string> RecordedRequest::header(std::string_view name) const {
   for (const auto& [k, v] : headers)
-    if (equalsIgnoreCase(k, name)) return v;
+    if (wire::equalsIgnoreCase(k, name)) return v;
   return std::nullopt;
 }
 
-LoopbackServer::LoopbackServer() {
-  listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  int one = 1;
-  ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::listen(listenFd_, 128) != 0) {
-    std::abort();  // a test environment without loopback cannot run these tests
+ScriptedReply ScriptedReply::truncated(int status, std::string body, size_t after) {
+  ScriptedReply r(status, std::move(body));
+  r.truncateAfter = after;
+  return r;
+}
+
+ScriptedReply ScriptedReply::dribbled(int status, std::string body, size_t chunk,
+                                      std::chrono::milliseconds pause) {
+  ScriptedReply r(status, std::move(body));
+  r.chunkSize = std::max<size_t>(chunk, 1);
+  r.chunkPause = pause;
+  return r;
+}
+
+ScriptedReply ScriptedReply::generated(uint64_t size, uint64_t offset) {
+  ScriptedReply r(200, "");
+  r.contentType = "application/octet-stream";
+  r.generatedSize = size;
+  r.patternOffset = offset;
+  return r;
+}
+
+std::string LoopbackServer::pattern(uint64_t offset, size_t size) {
+  std::string out(size, '\0');
+  for (size_t i = 0; i < size; ++i) {
+    uint64_t x = (offset + i) * 0x9E3779B97F4A7C15ull;
+    out[i] = static_cast<char>((x >> 32) ^ (x >> 56));
   }
-  socklen_t len = sizeof addr;
-  ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&addr), &len);
-  port_ = ntohs(addr.sin_port);
+  return out;
+}
+
+LoopbackServer::LoopbackServer() {
+  auto l = wire::listenOn("127.0.0.1", 0, 128);
+  if (l.fd < 0) std::abort();  // a test environment without loopback cannot run these tests
+  listenFd_ = l.fd;
+  port_ = l.port;
   acceptThread_ = std::thread([this] { acceptLoop(); });
 }
 
 LoopbackServer::~LoopbackServer() {
-  stopping_ = true;
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  stopped_.notify_all();
   ::shutdown(listenFd_, SHUT_RDWR);
   ::close(listenFd_);
   acceptThread_.join();
@@ -170,6 +128,22 @@ bool LoopbackServer::waitForRequests(size_t n, std::chrono::milliseconds timeout
   return recorded_.wait_for(lock, timeout, [&] { return requests_.size() >= n; });
 }
 
+size_t LoopbackServer::unfinishedReplies() const {
+  std::lock_guard lock(mutex_);
+  return unfinished_;
+}
+
+bool LoopbackServer::waitForUnfinishedReplies(size_t n, std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mutex_);
+  return recorded_.wait_for(lock, timeout, [&] { return unfinished_ >= n; });
+}
+
+bool LoopbackServer::pause(std::chrono::milliseconds duration) {
+  if (duration.count() <= 0) return !stopping_;
+  std::unique_lock lock(mutex_);
+  return !stopped_.wait_for(lock, duration, [&] { return stopping_.load(); });
+}
+
 void LoopbackServer::acceptLoop() {
   while (!stopping_) {
     int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -206,29 +180,50 @@ ScriptedReply LoopbackServer::replyFor(const RecordedRequest& request) {
   return default_;
 }
 
+bool LoopbackServer::sendReply(int fd, const ScriptedReply& reply) {
+  const uint64_t total = reply.generatedSize.value_or(reply.body.size());
+  wire::Headers headers{{"Content-Type", reply.contentType},
+                        {"Content-Length", std::to_string(total)}};
+  headers.insert(headers.end(), reply.headers.begin(), reply.headers.end());
+  std::string head = wire::replyHead(reply.status, headers);
+  const bool plain = !reply.truncateAfter && reply.chunkSize == 0 && !reply.generatedSize;
+  if (plain) return wire::sendAll(fd, head + reply.body);
+  if (!wire::sendAll(fd, head)) return false;
+  const uint64_t limit = std::min(total, reply.truncateAfter.value_or(total));
+  const size_t step = reply.chunkSize > 0 ? reply.chunkSize : kBodyStep;
+  std::string piece;
+  for (uint64_t sent = 0; sent < limit;) {
+    if (sent > 0 && !pause(reply.chunkPause)) return false;
+    auto n = static_cast<size_t>(std::min<uint64_t>(step, limit - sent));
+    piece = reply.generatedSize ? pattern(reply.patternOffset + sent, n)
+                                : reply.body.substr(static_cast<size_t>(sent), n);
+    if (!wire::sendAll(fd, piece)) {
+      std::lock_guard lock(mutex_);
+      ++unfinished_;
+      recorded_.notify_all();
+      return false;
+    }
+    sent += n;
+  }
+  return limit == total;  // a truncated body ends its connection
+}
+
 void LoopbackServer::serve(int fd) {
-  std::string buffer;
+  wire::RequestReader reader(fd, kMaxHeader);
   for (;;) {
     std::string head;
-    if (!readHead(fd, buffer, head)) break;
-    RecordedRequest request = parseHead(head);
-    size_t length = 0;
-    if (auto cl = request.header("Content-Length"))
-      length = std::strtoull(cl->c_str(), nullptr, 10);
-    if (!readBody(fd, buffer, length, request.body)) break;
+    if (reader.readHead(head) != wire::RequestReader::Head::Ok) break;
+    auto parsed = wire::parseHead(head);
+    if (!parsed) break;
+    uint64_t length = 0;
+    if (auto cl = parsed->header("Content-Length")) length = wire::parseDecimal(*cl).value_or(0);
+    RecordedRequest request = recorded(std::move(*parsed));
+    if (!reader.readBody(length, request.body)) break;
     ScriptedReply reply = replyFor(request);
-    if (reply.delay.count() > 0) std::this_thread::sleep_for(reply.delay);
-    if (reply.drop) break;
-    std::string out = statusLine(reply.status);
-    out +=
-        "Content-Type: application/json\r\nContent-Length: " + std::to_string(reply.body.size()) +
-        "\r\n";
-    for (const auto& [k, v] : reply.headers) out += k + ": " + v + "\r\n";
-    out += "\r\n";
-    out += reply.body;
-    if (!sendAll(fd, out)) break;
+    if (!pause(reply.delay) || reply.drop) break;
+    if (!sendReply(fd, reply)) break;
     auto connection = request.header("Connection");
-    if (connection && equalsIgnoreCase(*connection, "close")) break;
+    if (connection && wire::equalsIgnoreCase(*connection, "close")) break;
   }
   ::shutdown(fd, SHUT_RDWR);
   std::lock_guard lock(mutex_);

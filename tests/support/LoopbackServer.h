@@ -2,17 +2,21 @@
 // tests. It binds a free port, records every request exactly as it arrived
 // (method, raw target and query text, headers, body) and answers with
 // scripted replies: a status and body, after a delay, or a connection dropped
-// without an answer. Connections are kept alive like a real server's.
+// without an answer; a body cut short of its Content-Length, dribbled out in
+// pieces with pauses, or generated as it is sent. Connections are kept alive
+// like a real server's.
 //
-// Written on plain sockets rather than an HTTP library so a test controls
-// what reaches the wire, including replies that never come. Thread-safe: one
-// thread accepts, one thread serves each connection; tests read the record
-// from their own thread.
+// Written on plain sockets (the shared HTTP wire code) rather than an HTTP
+// library so a test controls what reaches the wire, including replies that
+// never come. Thread-safe: one thread accepts, one thread serves each
+// connection; tests read the record from their own thread. The destructor
+// ends pauses and delays at once.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -42,12 +46,32 @@ struct ScriptedReply {
                 bool drop = false)
       : status(status), body(std::move(body)), delay(delay), drop(drop) {}
   static ScriptedReply dropped() { return ScriptedReply(0, "", {}, true); }
+  // The full Content-Length of `body` is announced, `after` bytes are sent,
+  // then the connection closes.
+  static ScriptedReply truncated(int status, std::string body, size_t after);
+  // `body` in pieces of `chunk` bytes, with `pause` before every piece but
+  // the first; a client can cancel or stop reading in between.
+  static ScriptedReply dribbled(int status, std::string body, size_t chunk,
+                                std::chrono::milliseconds pause);
+  // `size` bytes of LoopbackServer::pattern() starting at pattern position
+  // `offset`, made as they are sent (any size, little memory). Status 200,
+  // Content-Type application/octet-stream.
+  static ScriptedReply generated(uint64_t size, uint64_t offset = 0);
 
   int status = 200;
   std::string body = "{}";
   std::chrono::milliseconds delay{0};
   bool drop = false;  // close the connection instead of answering
   std::vector<std::pair<std::string, std::string>> headers;
+  std::string contentType = "application/json";
+  // Only this many body bytes are sent, then the connection closes; the
+  // Content-Length still announces the whole body.
+  std::optional<uint64_t> truncateAfter;
+  size_t chunkSize = 0;                     // > 0: the body goes out in pieces this large...
+  std::chrono::milliseconds chunkPause{0};  // ...with this pause between them
+  // Instead of `body`: this many pattern bytes, from position patternOffset.
+  std::optional<uint64_t> generatedSize;
+  uint64_t patternOffset = 0;
 };
 
 class LoopbackServer {
@@ -74,10 +98,24 @@ class LoopbackServer {
   // Blocks until `n` requests were recorded or `timeout` passed.
   bool waitForRequests(size_t n, std::chrono::milliseconds timeout) const;
 
+  // Replies whose body the client stopped taking before its end (it closed
+  // or reset the connection); truncated replies do not count.
+  size_t unfinishedReplies() const;
+  // Blocks until `n` replies were left unfinished or `timeout` passed.
+  bool waitForUnfinishedReplies(size_t n, std::chrono::milliseconds timeout) const;
+
+  // The bytes of generated bodies: byte i of the pattern depends only on i,
+  // so a test can check any range it received.
+  static std::string pattern(uint64_t offset, size_t size);
+
  private:
   void acceptLoop();
   void serve(int fd);
   ScriptedReply replyFor(const RecordedRequest& request);
+  // false when the connection is to end after this reply.
+  bool sendReply(int fd, const ScriptedReply& reply);
+  // Waits, unless the server is being destroyed; false then.
+  bool pause(std::chrono::milliseconds duration);
 
   int listenFd_ = -1;
   int port_ = 0;
@@ -86,12 +124,14 @@ class LoopbackServer {
 
   mutable std::mutex mutex_;
   mutable std::condition_variable recorded_;
+  std::condition_variable stopped_;
   std::vector<RecordedRequest> requests_;
   std::deque<ScriptedReply> queue_;
   ScriptedReply default_;
   Handler handler_;
   std::vector<std::thread> connections_;
   std::vector<int> openFds_;
+  size_t unfinished_ = 0;
 };
 
 }  // namespace hvfp::test
