@@ -17,20 +17,20 @@ void Events::start(bool useBus, bool quiet) {
     log("host events off (--no-bus)");
     return;
   }
-  std::string why;
-  emitter_ = HostEventEmitter::open(&why);
-  if (!emitter_) {
-    log("no session bus, running without host events: {}", why);
+  auto emitter = HostEventEmitter::open();
+  if (!emitter) {
+    log("no session bus, running without host events: {}", emitter.failure().message);
     return;
   }
-  port_ = MessagePortServer::start(
-      dbus::kPortName,
-      [this](int32_t msgid, const std::string& data) {
-        if (!quiet_) log("message port: id {} {}", msgid, data);
-        return std::string(R"({"status_code":200})");
-      },
-      &why);
-  if (!port_) log("message port not available: {}", why);
+  emitter_ = std::move(*emitter);
+  auto port = MessagePortServer::start(dbus::kPortName, [this](int32_t msgid, const std::string& data) {
+    if (!quiet_) log("message port: id {} {}", msgid, data);
+    return std::string(R"({"status_code":200})");
+  });
+  if (port)
+    port_ = std::move(*port);
+  else
+    log("message port not available: {}", port.failure().message);
 }
 
 void Events::emit(const std::string& json) {

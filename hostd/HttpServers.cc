@@ -82,6 +82,12 @@ Listener::Listener() : server_(std::make_unique<httplib::Server>()) {
   // Every endpoint takes GET queries; a body is never needed, and without a
   // limit the library would read any size of one into memory first.
   server_->set_payload_max_length(64 * 1024);
+  // Small replies on kept-alive connections: without this each waits for
+  // the peer's delayed acknowledgement. The provider runs many queries at
+  // once (renames from several threads, listings during uploads), so the
+  // pool is larger than the library's default of one thread per core.
+  server_->set_tcp_nodelay(true);
+  server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
 }
 
 Listener::~Listener() { stop(); }

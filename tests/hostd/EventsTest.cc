@@ -19,12 +19,13 @@ class HostdEvents : public HostFixture {
     if (!hvfp::test::PrivateBus::available()) GTEST_SKIP() << "no dbus-daemon";
     bus_ = std::make_unique<hvfp::test::PrivateBus>();
     ASSERT_TRUE(bus_->ok()) << bus_->error();
-    listener_ = HostEventListener::start([this](const std::optional<std::string>& text) {
+    auto listener = HostEventListener::listen([this](const std::optional<std::string>& text) {
       std::lock_guard lock(mutex_);
       if (text) events_.push_back(*text);
       cv_.notify_all();
     });
-    ASSERT_TRUE(listener_);
+    ASSERT_TRUE(listener) << listener.failure().message;
+    listener_ = std::move(*listener);
     HostFixture::SetUp();
   }
   void configure(HostConfig& c) override { c.useBus = true; }

@@ -65,10 +65,6 @@ Result<std::unique_ptr<HostEventListener>> HostEventListener::listen(Callback ca
   return listener;
 }
 
-std::unique_ptr<HostEventListener> HostEventListener::start(Callback callback, std::string* why) {
-  return ipc::orWhy(listen(std::move(callback)), why);
-}
-
 HostEventListener::~HostEventListener() = default;
 
 struct HostEventEmitter::Impl {
@@ -83,10 +79,6 @@ Result<std::unique_ptr<HostEventEmitter>> HostEventEmitter::open() {
   emitter->impl_ = std::make_unique<Impl>();
   emitter->impl_->bus = std::move(*bus);
   return emitter;
-}
-
-std::unique_ptr<HostEventEmitter> HostEventEmitter::open(std::string* why) {
-  return ipc::orWhy(open(), why);
 }
 
 HostEventEmitter::~HostEventEmitter() = default;

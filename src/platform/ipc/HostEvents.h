@@ -28,8 +28,6 @@ class HostEventListener {
 
   // Fails when there is no session bus, saying why.
   static Result<std::unique_ptr<HostEventListener>> listen(Callback callback);
-  // The older shape, kept until halvo-hostd's tests move to listen().
-  static std::unique_ptr<HostEventListener> start(Callback callback, std::string* why = nullptr);
   ~HostEventListener();  // stops the thread and closes the connection
 
   HostEventListener(const HostEventListener&) = delete;
@@ -45,8 +43,6 @@ class HostEventEmitter {
  public:
   // Fails when there is no session bus, saying why.
   static Result<std::unique_ptr<HostEventEmitter>> open();
-  // The older shape, kept until halvo-hostd moves to open().
-  static std::unique_ptr<HostEventEmitter> open(std::string* why);
   ~HostEventEmitter();
 
   // Sends one event whose object is `json`; false when the bus refused it

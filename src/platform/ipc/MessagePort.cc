@@ -191,11 +191,6 @@ Result<std::unique_ptr<MessagePortServer>> MessagePortServer::start(const std::s
   return server;
 }
 
-std::unique_ptr<MessagePortServer> MessagePortServer::start(const std::string& name,
-                                                            Handler handler, std::string* why) {
-  return ipc::orWhy(start(name, std::move(handler)), why);
-}
-
 MessagePortServer::~MessagePortServer() = default;
 
 }  // namespace hvfp

@@ -44,9 +44,6 @@ class MessagePortServer {
 
   // Fails when there is no session bus or the name is taken, saying why.
   static Result<std::unique_ptr<MessagePortServer>> start(const std::string& name, Handler handler);
-  // The older shape, kept until halvo-hostd moves to the one above.
-  static std::unique_ptr<MessagePortServer> start(const std::string& name, Handler handler,
-                                                  std::string* why);
   ~MessagePortServer();  // releases the name and stops the thread
 
  private:

@@ -44,15 +44,6 @@ std::string errorText(int negativeErrno);
 // The failure says why there is none.
 Result<BusPtr> openSessionBus();
 
-// For the entry points of the older shape, which report a failure through
-// an out-text.
-template <typename T>
-std::unique_ptr<T> orWhy(Result<std::unique_ptr<T>> result, std::string* why) {
-  if (result) return std::move(*result);
-  if (why) *why = result.failure().message;
-  return nullptr;
-}
-
 class BusThread {
  public:
   // `bus` must outlive the BusThread. `label` starts the log line written
