@@ -87,6 +87,19 @@ class FileProviderExtension final : public NSFileProviderReplicatedExtension {
       const NSFileProviderRequest& request, NSFileProviderDeleteHandler completionHandler) override;
 
  private:
+  // The contents rule of a modification; true when it applied and the
+  // handler went to an upload task.
+  bool uploadNewContents(NSFileProviderItem& item, uint64_t changedFields,
+                         const std::optional<std::string>& contents,
+                         const std::shared_ptr<Progress>& progress,
+                         NSFileProviderItemChangeHandler& completionHandler);
+  // An upload task for `item` (a template or the modified item) on the
+  // client's upload queue, holding `progress` and the handler.
+  void queueUpload(NSFileProviderItem& item, uint64_t fields,
+                   const std::optional<std::string>& contents,
+                   const std::shared_ptr<Progress>& progress,
+                   NSFileProviderItemChangeHandler completionHandler);
+
   HalvoProviderClient& client_;
   std::atomic<int64_t> nCurrentAnchor_{1};
   std::unique_ptr<OperationQueue> mTaskQueue_;
