@@ -9,6 +9,7 @@
 #include "records/JsonReading.h"
 #include "tasks/ChangeTasks.h"
 #include "tasks/DownloadTask.h"
+#include "tasks/UploadTask.h"
 
 namespace hvfp {
 namespace {
@@ -19,6 +20,14 @@ void applyRegisteredRootName(const HalvoProviderClient& client, FileProviderItem
   if (!item.isRoot()) return;
   std::string name = client.checkRootChangeName(item.itemIdentifier());
   if (!name.empty()) item.setFileName(name);
+}
+
+// Seconds since 1970 as the host counts them: whole, never negative (a date
+// before 1970 has no place in the unsigned count and reads as 1970).
+uint64_t wholeSeconds(const std::optional<Date>& date) {
+  if (!date || !(*date > 0)) return 0;
+  if (*date >= 18446744073709551615.0) return UINT64_MAX;
+  return static_cast<uint64_t>(*date);
 }
 
 }  // namespace
@@ -76,11 +85,19 @@ std::shared_ptr<Progress> FileProviderExtension::fetchContentsForItemWithIdentif
 }
 
 std::shared_ptr<Progress> FileProviderExtension::createItemBasedOnTemplate(
-    NSFileProviderItem&, uint64_t, const std::optional<std::string>&, uint64_t,
-    const NSFileProviderRequest&, NSFileProviderItemChangeHandler completionHandler) {
-  if (completionHandler)
-    completionHandler(nullptr, 0, false, Error::cocoa(ErrorCode::FeatureUnsupported));
-  return Progress::make();
+    NSFileProviderItem& itemTemplate, uint64_t fields, const std::optional<std::string>& contents,
+    uint64_t, const NSFileProviderRequest& request,
+    NSFileProviderItemChangeHandler completionHandler) {
+  const int system = request.isSystemRequest ? 1 : 0;
+  const int viewer = request.isFileViewerRequest ? 1 : 0;
+  if (request.requestingExecutable)
+    log("FileProviderExtension createItemBasedOnTemplate:{},{},{}", system, viewer,
+        *request.requestingExecutable);
+  else
+    log("FileProviderExtension createItemBasedOnTemplate:{},{}", system, viewer);
+  auto progress = Progress::make();
+  queueUpload(itemTemplate, fields, contents, progress, std::move(completionHandler));
+  return progress;
 }
 
 std::string FileProviderExtension::getChangeFields(uint64_t changedFields) {
@@ -107,7 +124,6 @@ std::shared_ptr<Progress> FileProviderExtension::modifyItem(
     NSFileProviderItem& item, const std::optional<NSFileProviderItemVersion>& baseVersion,
     uint64_t changedFields, const std::optional<std::string>& contents, uint64_t options,
     const NSFileProviderRequest& request, NSFileProviderItemChangeHandler completionHandler) {
-  (void)contents;
   (void)options;
   (void)request;
   log("FileProviderExtension modifyItem:{},{},{}", orNull(item.filename()), item.itemIdentifier(),
@@ -119,12 +135,10 @@ std::shared_ptr<Progress> FileProviderExtension::modifyItem(
   }
   auto progress = Progress::make();
 
+  // New contents are uploaded whatever else changed; the fields still
+  // pending after the upload bring the rest.
   if (changedFields & NSFileProviderItemFields::Contents) {
-    // UPLOAD TASK GOES HERE: new contents, whatever else changed, are an
-    // upload on the client's upload queue. Until it exists the change is
-    // refused.
-    if (completionHandler)
-      completionHandler(nullptr, 0, false, Error::cocoa(ErrorCode::FeatureUnsupported));
+    queueUpload(item, changedFields, contents, progress, std::move(completionHandler));
     return progress;
   }
   if (auto task = changeTask(item, baseVersion, changedFields)) {
@@ -195,6 +209,28 @@ void FileProviderExtension::answerFromHost(const std::string& identifier,
     handler(std::move(fresh), 0, false, std::nullopt);
   else
     handler(nullptr, 0, false, Error::cocoa(ErrorCode::FeatureUnsupported));
+}
+
+void FileProviderExtension::queueUpload(NSFileProviderItem& item, uint64_t fields,
+                                        const std::optional<std::string>& contents,
+                                        const std::shared_ptr<Progress>& progress,
+                                        NSFileProviderItemChangeHandler completionHandler) {
+  // Read in the order the task takes them.
+  std::string identifier = item.itemIdentifier();
+  std::string parent = item.parentItemIdentifier().value_or("");
+  const uint64_t size = item.documentSize().value_or(0);
+  const uint64_t created = wholeSeconds(item.creationDate());
+  const uint64_t modified = wholeSeconds(item.contentModificationDate());
+  // Only the folder type itself: a package conforms to it but is a file.
+  const bool dir = item.contentType() == ContentType::folder();
+  std::string filename = item.filename().value_or("");
+  auto task =
+      std::make_shared<UploadTask>(client_, std::move(identifier), std::move(parent), size, created,
+                                   modified, dir, std::move(filename), contents, fields);
+  task->setMProgress(progress);
+  task->setCreateHandler(std::move(completionHandler));
+  OperationQueue* queue = client_.mUploadQueue();
+  (queue ? *queue : *mTaskQueue_).addOperation(std::move(task));
 }
 
 std::shared_ptr<Progress> FileProviderExtension::deleteItemWithIdentifier(

@@ -114,6 +114,12 @@ class FileProviderExtension final : public NSFileProviderReplicatedExtension {
   // the return.
   void answerFromHost(const std::string& identifier, const std::optional<std::string>& parent,
                       const NSFileProviderItemChangeHandler& handler);
+  // An upload task for `item` (a template or the modified item) on the
+  // client's upload queue, holding `progress` and the handler.
+  void queueUpload(NSFileProviderItem& item, uint64_t fields,
+                   const std::optional<std::string>& contents,
+                   const std::shared_ptr<Progress>& progress,
+                   NSFileProviderItemChangeHandler completionHandler);
 
   HalvoProviderClient& client_;
   std::atomic<int64_t> nCurrentAnchor_{1};

@@ -43,7 +43,7 @@ class HVTask : public Operation, public std::enable_shared_from_this<HVTask> {
   // Stores the progress and installs the task's handlers on it: cancellation
   // sets bExit and reports the cancel error through the completion handler
   // (cancelled()), pausing and resuming reach paused() and resumed().
-  void setMProgress(std::shared_ptr<Progress> progress);
+  virtual void setMProgress(std::shared_ptr<Progress> progress);
 
   // Runs the subclass's body; an exception that escapes it is logged and
   // reported as the task's failure, so no path leaves the handler uncalled.

@@ -77,22 +77,6 @@ TEST_F(ModifyItem, ChangedFieldsPickOneTaskOrTheHostsRecord) {
     Lines log;  // after the modifyItem line
   };
   const std::vector<Row> rows{
-      {"contents and name: the contents rule comes first",
-       at,
-       3,
-       std::nullopt,
-       {},
-       {},
-       "null pending 0 error 3328",
-       {}},
-      {"contents and parent: the contents rule comes first",
-       trashing,
-       5,
-       trashed(2),
-       {},
-       {},
-       "null pending 0 error 3328",
-       versionLog(trashed(2))},
       {"name and parent: the rename alone, to the new parent",
        itemAs("5/h1", "5/p2", "b.txt"),
        6,
