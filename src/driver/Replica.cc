@@ -556,7 +556,7 @@ void Replica::apply(Ino ino, const ItemRecord& record) {
     }
     if (node->contents && !node->contents->filled && isProvisional(node->identifier))
       node->contents->filled = true;  // a folder made here has nothing to list yet
-    node->trashedHere = record.parent == kTrashId;
+    if (!record.parent.empty()) node->trashedHere = record.parent == kTrashId;
     const bool renamed = node->hostName != record.filename;
     update(ino, *node, record, false, batch);
     Ino target = record.parent.empty() ? node->parent : placeFor(record.parent, false);

@@ -90,7 +90,7 @@ void FakeCloud::record(std::string call) {
 
 std::string FakeCloud::remoteAddMount(const std::string& name) {
   std::lock_guard lock(mutex_);
-  Entry e{newId(""), kRoot, name, true, ""};
+  Entry e{newId(""), kRoot, name, true, "", ""};
   e.capabilities = 67;
   e.change = ++change_;
   entries_[e.id] = e;
@@ -99,7 +99,7 @@ std::string FakeCloud::remoteAddMount(const std::string& name) {
 
 std::string FakeCloud::remoteAddFolder(const std::string& parent, const std::string& name) {
   std::lock_guard lock(mutex_);
-  Entry e{newId(parent), parent, name, true, ""};
+  Entry e{newId(parent), parent, name, true, "", ""};
   e.created = e.modified = 1700000000;
   e.change = ++change_;
   entries_[e.id] = e;
@@ -109,7 +109,7 @@ std::string FakeCloud::remoteAddFolder(const std::string& parent, const std::str
 std::string FakeCloud::remoteAddFile(const std::string& parent, const std::string& name,
                                      const std::string& contents, Date modified) {
   std::lock_guard lock(mutex_);
-  Entry e{newId(parent), parent, name, false, contents};
+  Entry e{newId(parent), parent, name, false, contents, sha1HexDigest(contents)};
   e.created = 1600000000;
   e.modified = modified;
   e.change = ++change_;
@@ -144,6 +144,7 @@ void FakeCloud::remoteWrite(const std::string& id, const std::string& contents) 
   std::lock_guard lock(mutex_);
   Entry& e = entries_.at(id);
   e.contents = contents;
+  e.hash = sha1HexDigest(contents);
   e.modified += 60;
   e.change = ++change_;
 }
@@ -197,7 +198,7 @@ NSFileProviderItemRef FakeCloud::itemOf(const Entry& e, bool trashMark) const {
   item->created = e.created;
   item->modified = e.modified;
   item->used = e.modified;
-  std::string hash = e.folder ? "" : sha1HexDigest(e.contents);
+  std::string hash = e.folder ? "" : e.hash;
   item->version = NSFileProviderItemVersion{
       "{\"filehash\":\"" + hash + "\",\"filesize\":" + std::to_string(*item->size) + "}",
       std::string("{\"delete\":") + (trashMark ? "1" : "0") +
@@ -254,7 +255,7 @@ std::shared_ptr<Progress> FakeCloud::fetchContentsForItemWithIdentifier(
     }
     auto e = entry(id);
     if (!e) return handler(std::nullopt, nullptr, Error::cocoa(4610));
-    auto path = downloads_ / sha1HexDigest(e->contents);
+    auto path = downloads_ / e->hash;
     std::ofstream(path, std::ios::binary) << e->contents;
     handler(path.string(), itemOf(*e), std::nullopt);
   });
@@ -278,11 +279,12 @@ std::shared_ptr<Progress> FakeCloud::createItemBasedOnTemplate(
     for (auto& [id, e] : entries_)
       if (e.parent == parent && e.name == t.name && !e.trashed) found = &e;
     if (!found) {
-      Entry e{newId(parent), parent, t.name.value_or(""), folder, ""};
+      Entry e{newId(parent), parent, t.name.value_or(""), folder, "", ""};
       e.created = t.created.value_or(0);
       found = &(entries_[e.id] = e);
     }
     found->contents = data;
+    found->hash = sha1HexDigest(data);
     found->modified = t.modified.value_or(0);
     found->change = ++change_;
     auto item = itemOf(*found);
@@ -317,6 +319,7 @@ std::shared_ptr<Progress> FakeCloud::modifyItem(
         return handler(nullptr, fields & ~uint64_t{1}, false, Error::cocoa(5120));
       lock.lock();
       e.contents = data;
+      e.hash = sha1HexDigest(data);
       e.modified = t.modified.value_or(e.modified);
       pending = fields & ~uint64_t{1};
     } else if (fields & 2) {

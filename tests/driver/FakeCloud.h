@@ -38,6 +38,7 @@ class FakeCloud final : public NSFileProviderReplicatedExtension {
     std::string name;
     bool folder = false;
     std::string contents;
+    std::string hash;  // SHA-1 of the contents, kept with them
     Date created = 0;
     Date modified = 0;
     uint64_t capabilities = 127;
