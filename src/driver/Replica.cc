@@ -124,9 +124,9 @@ struct Replica::Node {
 Replica::Replica(NSFileProviderReplicatedExtension& extension, Invalidator& invalidator)
     : extension_(extension), invalidator_(invalidator) {
   MutexLock lock(mutex_);
-  auto container = [&](Ino ino, const std::string& id) {
+  for (auto [ino, id] : {std::pair{kRootIno, &kRootId}, std::pair{kTrashIno, &kTrashId}}) {
     auto node = std::make_unique<Node>();
-    node->identifier = id;
+    node->identifier = *id;
     node->folder = true;
     node->reserved = true;
     node->capabilities = 63;
@@ -134,9 +134,7 @@ Replica::Replica(NSFileProviderReplicatedExtension& extension, Invalidator& inva
     node->contents = std::make_unique<FolderState>();
     byIdentifier_.emplace(node->identifier, ino);
     nodes_.emplace(ino, std::move(node));
-  };
-  container(kRootIno, kRootId);
-  container(kTrashIno, kTrashId);
+  }
   Node& trash = *nodes_[kTrashIno];
   trash.name = std::string(kTrashName);
   trash.parent = kRootIno;
