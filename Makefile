@@ -1,7 +1,7 @@
 # Front door: `make run` and `make test` work on a fresh machine.
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: deps dev release programs test run bench clean
+.PHONY: deps dev release programs test test-tsan checks run stop bench fuzz clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -18,8 +18,21 @@ programs: deps
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j $(JOBS) --target halvofp halvo-hostd
 
+# The suite under AddressSanitizer and UndefinedBehaviorSanitizer, then the
+# static checks (layers, lock annotations).
 test: dev
 	@ctest --preset dev -j $(JOBS)
+	@$(MAKE) --no-print-directory checks
+
+checks:
+	@bash scripts/check-layers.sh
+	@bash scripts/check-thread-safety.sh build/dev
+
+# The suite under ThreadSanitizer.
+test-tsan: deps
+	@cmake --preset tsan >/dev/null
+	@cmake --build --preset tsan -j $(JOBS)
+	@ctest --preset tsan -j $(JOBS)
 
 run: programs
 	@bash scripts/run.sh build/release

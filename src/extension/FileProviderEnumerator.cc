@@ -61,26 +61,42 @@ void FileProviderEnumerator::invalidate() {
 
 namespace {
 
-// The first candidate from `num` on that is not taken: the name itself for
-// 0, else "name(num+1)". A loop, not recursion: a host may list thousands of
-// mounts under one name.
-template <typename Taken>
-std::string firstFreeName(const std::string& name, int64_t num, Taken taken) {
-  for (;; ++num) {
-    std::string candidate = num == 0 ? name : fmt::format("{}({})", name, num + 1);
-    if (!taken(candidate)) return candidate;
+// The display names given so far, and the collision rule over them: the
+// candidate for num is the name itself for 0, else "name(num+1)", and the
+// answer is the first candidate from num on that is not given. Names are only
+// ever added, so the candidates a search for a name found taken stay taken
+// and the next search for it resumes there: a host may list thousands of
+// mounts under one name, and each must not rescan the ones before it.
+class GivenNames {
+ public:
+  void add(const std::optional<std::string>& name) {
+    if (name) given_.insert(*name);
   }
-}
+
+  std::string firstFree(const std::string& name, int64_t num) {
+    // Every candidate from 0 up to `resume` is known to be taken.
+    int64_t& resume = resumeAt_[name];
+    const bool fromResume = num >= 0 && num <= resume;
+    if (fromResume) num = resume;
+    for (;; ++num) {
+      std::string candidate = num == 0 ? name : fmt::format("{}({})", name, num + 1);
+      if (given_.count(candidate) == 0) return candidate;
+      if (fromResume) resume = num + 1;
+    }
+  }
+
+ private:
+  std::unordered_set<std::string> given_;
+  std::unordered_map<std::string, int64_t> resumeAt_;
+};
 
 }  // namespace
 
 std::string FileProviderEnumerator::checkName(const std::vector<NSFileProviderItemRef>& items,
                                               const std::string& name, int64_t num) {
-  return firstFreeName(name, num, [&](const std::string& candidate) {
-    for (const auto& item : items)
-      if (item->filename() == candidate) return true;
-    return false;
-  });
+  GivenNames given;
+  for (const auto& item : items) given.add(item->filename());
+  return given.firstFree(name, num);
 }
 
 FileProviderEnumerator::Items FileProviderEnumerator::mountItems(bool logEach) const {
@@ -88,25 +104,16 @@ FileProviderEnumerator::Items FileProviderEnumerator::mountItems(bool logEach) c
   sortByLastTime(records);
   Items items;
   items.reserve(records.size());
-  // The names given so far, for the same answer checkName would give
-  // without walking every earlier item for every candidate.
-  // Names are only ever added, so the search for a name can resume where the
-  // last one for the same name stopped.
-  std::unordered_set<std::string> given;
-  std::unordered_map<std::string, int64_t> resumeAt;
+  // checkName's rule against the items so far, kept up as they are added.
+  GivenNames given;
   for (auto& record : records) {
     const std::string name = record->strFileName.value_or(std::string());
-    int64_t& from = resumeAt[name];
-    const std::string shown = firstFreeName(name, from, [&](const std::string& candidate) {
-      if (given.count(candidate) == 0) return false;
-      ++from;
-      return true;
-    });
+    const std::string shown = given.firstFree(name, 0);
     const bool renamed = shown != name;
     if (renamed) record->strFileName = shown;
     auto item = FileProviderItem::initWithHVFileItem(record);
     item->setParentIdentifier(itemIdentifier_);
-    if (auto filename = item->filename()) given.insert(*filename);
+    given.add(item->filename());
     if (logEach) item->test();
     if (renamed)
       client_.addRootChangeName(

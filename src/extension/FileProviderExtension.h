@@ -10,8 +10,9 @@
 // enumerator it hands out. Enumerators are shared with the caller.
 //
 // Threads: every operation may be called from any thread, several at once.
-// Lookups block the calling thread on the host query and call their handler
-// on that thread before returning. The anchor counter is atomic.
+// Lookups, deletions and modifications answered without a task block the
+// calling thread on the host query and call their handler on that thread
+// before returning; tasks answer from their queue's threads. The anchor counter is atomic.
 #pragma once
 
 #include <atomic>
@@ -30,6 +31,7 @@
 namespace hvfp {
 
 class HalvoProviderClient;
+class ItemChangeTask;
 
 class FileProviderExtension final : public NSFileProviderReplicatedExtension {
  public:
@@ -72,8 +74,10 @@ class FileProviderExtension final : public NSFileProviderReplicatedExtension {
       NSFileProviderItem& itemTemplate, uint64_t fields, const std::optional<std::string>& contents,
       uint64_t options, const NSFileProviderRequest& request,
       NSFileProviderItemChangeHandler completionHandler) override;
-  // One task chosen by the changed fields, or an answer from the host's
-  // record when none of contents, name or parent changed.
+  // One task chosen by the changed fields (contents, then name, then parent:
+  // into the trash a deletion, out of it a restore, else a move), or an
+  // answer from the host's current record when none of the three changed.
+  // Logs the item and the changed fields, and the base version's parts.
   std::shared_ptr<Progress> modifyItem(NSFileProviderItem& item,
                                        const std::optional<NSFileProviderItemVersion>& baseVersion,
                                        uint64_t changedFields,
@@ -86,7 +90,31 @@ class FileProviderExtension final : public NSFileProviderReplicatedExtension {
       const std::optional<NSFileProviderItemVersion>& baseVersion, uint64_t options,
       const NSFileProviderRequest& request, NSFileProviderDeleteHandler completionHandler) override;
 
+  // The log names of the named bits set in `changedFields`, in bit order,
+  // each with its trailing comma; the empty text when none is set.
+  static std::string getChangeFields(uint64_t changedFields);
+
  private:
+  // What a modification reads back from the version this system gave the
+  // item; a part that is not a JSON object leaves its defaults.
+  struct BaseVersion {
+    std::string filehash;
+    int64_t filesize = 0;
+    bool trashedHere = false;  // "delete" above 0
+    int64_t status = 0;
+  };
+  // The task for a change of name or place; none when neither changed, or
+  // for a move out of the trash that must not be a restore.
+  std::shared_ptr<ItemChangeTask> changeTask(
+      NSFileProviderItem& item, const std::optional<NSFileProviderItemVersion>& baseVersion,
+      uint64_t changedFields);
+  static BaseVersion readBaseVersion(const std::optional<NSFileProviderItemVersion>& baseVersion);
+  // The host's current record of the item under the parent the framework
+  // gave, pending 0; 3328 when the host does not confirm the item. Before
+  // the return.
+  void answerFromHost(const std::string& identifier, const std::optional<std::string>& parent,
+                      const NSFileProviderItemChangeHandler& handler);
+
   HalvoProviderClient& client_;
   std::atomic<int64_t> nCurrentAnchor_{1};
   std::unique_ptr<OperationQueue> mTaskQueue_;

@@ -1,8 +1,17 @@
 #include "hostlink/HalvoProviderClient.h"
 
+#include <thread>
+
+#include "platform/Log.h"
 #include "platform/http/SharedSession.h"
 
 namespace hvfp {
+namespace {
+
+// How often destruction looks whether the uploads are done.
+constexpr auto kUploadPoll = std::chrono::milliseconds(10);
+
+}  // namespace
 
 HalvoProviderClient& HalvoProviderClient::shareHalvoProviderClient() {
   static HalvoProviderClient client;
@@ -14,13 +23,39 @@ HalvoProviderClient::~HalvoProviderClient() {
   // half gone. Then the queues, whose uploads still use the rest.
   std::unique_ptr<HostEventListener> listener;
   std::vector<std::unique_ptr<OperationQueue>> queues;
+  std::chrono::milliseconds wait;
   {
     MutexLock lock(mPropsLock);
     listener = std::move(eventListener_);
     queues = std::move(uploadQueues_);
+    wait = exitWait_;
   }
   listener.reset();
-  queues.clear();
+  const size_t left = waitForUploads(queues, wait);
+  if (left == 0) return;  // the queues join their idle workers
+  log("HalvoProviderClient gone with {} uploads unfinished after {} ms", left, wait.count());
+  for (auto& queue : queues) (void)queue.release();
+}
+
+size_t HalvoProviderClient::waitForUploads(
+    const std::vector<std::unique_ptr<OperationQueue>>& queues, std::chrono::milliseconds wait) {
+  const auto deadline = std::chrono::steady_clock::now() + wait;
+  for (;;) {
+    size_t left = 0;
+    for (const auto& queue : queues) left += queue->operationCount();
+    if (left == 0 || std::chrono::steady_clock::now() >= deadline) return left;
+    std::this_thread::sleep_for(kUploadPoll);
+  }
+}
+
+std::chrono::milliseconds HalvoProviderClient::exitWait() const {
+  MutexLock lock(mPropsLock);
+  return exitWait_;
+}
+
+void HalvoProviderClient::setExitWait(std::chrono::milliseconds wait) {
+  MutexLock lock(mPropsLock);
+  exitWait_ = wait;
 }
 
 std::string HalvoProviderClient::strHost() const {
@@ -74,11 +109,12 @@ QueryOutcome HalvoProviderClient::lastOutcome() const {
   return lastOutcome_;
 }
 
-AddFileInfoRef HalvoProviderClient::getAddFileInfo(const std::string& identifier) const {
+std::optional<AddFileInfo> HalvoProviderClient::getAddFileInfo(
+    const std::string& identifier) const {
   MutexLock lock(mLock);
   for (const auto& entry : mMutableArray)
-    if (entry->itemidentifier == identifier) return entry;
-  return nullptr;
+    if (entry->itemidentifier == identifier) return *entry;
+  return std::nullopt;
 }
 
 void HalvoProviderClient::addAddFileInFo(const AddFileInfoRef& info) {

@@ -6,6 +6,8 @@
 // makes or takes one (shareHalvoProviderClient) and hands it to the
 // extension; everything below the entry is given its client and never
 // reaches for the process's own. A client outlives everything it is given to.
+// The process's client goes at exit: it gives queued uploads a bounded time
+// to finish (kExitWait) and leaves the rest to end with the process.
 //
 // Threads: every operation may be called from any thread at any time after
 // start; queries block the calling thread until the host has answered.
@@ -14,6 +16,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -57,9 +60,17 @@ class HalvoProviderClient {
   // exit, after everything the entry made with it.
   static HalvoProviderClient& shareHalvoProviderClient();
 
+  // How long destruction waits for queued uploads by default.
+  static constexpr std::chrono::milliseconds kExitWait{10000};
+
   // Not started: no queue, no manager, no listener.
   HalvoProviderClient() = default;
-  // Stops hearing host events, then waits for every queued upload.
+  // Stops hearing host events, then waits for the queued uploads, so that an
+  // upload about to finish can still report, but at most exitWait(): an
+  // upload stuck on a silent server must not hold the process's exit. What
+  // is still queued or running then is logged and left to end with the
+  // process; its queue's threads are not joined. So a client destroyed
+  // before its process exits must have no upload left by then.
   ~HalvoProviderClient();
   HalvoProviderClient(const HalvoProviderClient&) = delete;
   HalvoProviderClient& operator=(const HalvoProviderClient&) = delete;
@@ -90,6 +101,8 @@ class HalvoProviderClient {
   // Null before start. A second start replaces it; the old one keeps
   // running what it holds until the client goes.
   OperationQueue* mUploadQueue() const;
+  std::chrono::milliseconds exitWait() const;
+  void setExitWait(std::chrono::milliseconds wait);
 
   // --- properties -------------------------------------------------------
   std::string strHost() const;
@@ -163,7 +176,10 @@ class HalvoProviderClient {
   // --- registries -------------------------------------------------------
   // Pending additions: folders made in the domain that the host may not
   // know yet, keyed by the identifier the framework gave them.
-  AddFileInfoRef getAddFileInfo(const std::string& identifier) const;
+  // A copy of the entry, taken under the list's lock: a later registration
+  // of the same identifier updates the stored entry in place, and upload
+  // tasks on other threads read what they were given.
+  std::optional<AddFileInfo> getAddFileInfo(const std::string& identifier) const;
   void addAddFileInFo(const AddFileInfoRef& info);
   // Root renames: display names enumeration gave mount roots.
   void addRootChangeName(const RootChangeNameRef& entry);
@@ -181,6 +197,11 @@ class HalvoProviderClient {
     if (!parsed || !parsed->isObject()) return nullptr;
     return initWithJson<Record>(*parsed);
   }
+  // Polls the queues until they are idle or `wait` is over; what is left.
+  static size_t waitForUploads(const std::vector<std::unique_ptr<OperationQueue>>& queues,
+                               std::chrono::milliseconds wait);
+  // Listens anew; the old listener is replaced only once the new one hears.
+  void subscribeToHostEvents() EXCLUDES(mPropsLock);
   // The container the event signalled, if it signalled one.
   std::optional<std::string> handleEvent(const std::optional<std::string>& object);
 
@@ -192,6 +213,7 @@ class HalvoProviderClient {
   std::string strHost_ GUARDED_BY(mPropsLock) = kDefaultHost;
   std::string strTempPath_ GUARDED_BY(mPropsLock);
   std::atomic<int64_t> nPort_{kDefaultPort};
+  std::chrono::milliseconds exitWait_ GUARDED_BY(mPropsLock) = kExitWait;
 
   Mutex mSendLock;  // one message-port exchange at a time; guards no data
 

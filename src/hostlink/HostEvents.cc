@@ -1,6 +1,8 @@
 // Start, host events and message-port notifications of the host client.
 #include "platform/ipc/HostEvents.h"
 
+#include <simdjson.h>
+
 #include <chrono>
 #include <thread>
 
@@ -27,14 +29,6 @@ std::optional<int64_t> integerValueOf(const JsonValue* v) {
 }  // namespace
 
 void HalvoProviderClient::start(const NSFileProviderDomain& domain) {
-  // The old listener goes first, outside the lock: its thread may be in an
-  // event that needs the lock, and one event must not reach two listeners.
-  std::unique_ptr<HostEventListener> previous;
-  {
-    MutexLock lock(mPropsLock);
-    previous = std::move(eventListener_);
-  }
-  previous.reset();
   resetRegistries();
   auto manager = NSFileProviderManager::managerForDomain(domain);
   setNPort(kDefaultPort);
@@ -47,14 +41,31 @@ void HalvoProviderClient::start(const NSFileProviderDomain& domain) {
     strHost_ = kDefaultHost;
     strTempPath_ = std::move(tempPath);
   }
+  subscribeToHostEvents();
+}
+
+void HalvoProviderClient::subscribeToHostEvents() {
+  // The new listener is made before the old one goes, so a restart that
+  // cannot reach the bus keeps hearing events on the connection it had. An
+  // event sent while both listen is handled twice: it sets the same port or
+  // signals the same container again, which changes nothing.
   auto listener = HostEventListener::listen(
       [this](const std::optional<std::string>& object) { onRecvFromApp(object); });
   if (!listener) {
-    log("host events unavailable, running without them: {}", listener.failure().message);
+    if (hearsHostEvents())
+      log("host events: cannot listen again, the current listener stays: {}",
+          listener.failure().message);
+    else
+      log("host events unavailable, running without them: {}", listener.failure().message);
     return;
   }
-  MutexLock lock(mPropsLock);
-  eventListener_ = std::move(*listener);
+  std::unique_ptr<HostEventListener> previous = std::move(*listener);
+  {
+    MutexLock lock(mPropsLock);
+    std::swap(previous, eventListener_);
+  }
+  // Outside the lock: its thread may be in an event that needs the lock.
+  previous.reset();
 }
 
 std::shared_ptr<NSFileProviderManager> HalvoProviderClient::providerManager() const {
@@ -128,23 +139,27 @@ std::string HalvoProviderClient::sendDataMore(int64_t msgid, const std::string& 
                                               int64_t attempts) {
   const std::string name = getChangeStatus(static_cast<int32_t>(msgid));
   for (int64_t k = attempts; k < kMaxSendAttempts; ++k) {
+    bool sent = false;
     std::optional<std::string> reply;
     {
-      // The lock covers one attempt's port traffic only, never the pause, so
-      // other callers' attempts can go between ours.
+      // The lock covers one attempt's port traffic only, never the log of
+      // its failure or the pause, so other callers' attempts can go between.
       MutexLock lock(mSendLock);
       auto port = MessagePortRemote::create(dbus::kPortName);
       if (port) {
         log("sendData {}:{}", name, content);
+        sent = true;
         reply =
             port->sendRequest(static_cast<int32_t>(msgid), content, kSendTimeout, kReceiveTimeout);
-        if (!reply) log("sendData ret fail:{},error num {}", name, k);
       }
     }
     if (reply) {
+      // Bytes that are not UTF-8 decode to no text at all.
+      if (!simdjson::validate_utf8(reply->data(), reply->size())) reply->clear();
       log("sendData ret:{},{}", name, *reply);
       return *reply;
     }
+    if (sent) log("sendData ret fail:{},error num {}", name, k);
     std::this_thread::sleep_for(kSendRetryPause);
   }
   return {};

@@ -67,12 +67,12 @@ class FileProviderItem : public NSFileProviderItem {
       : mItem_(std::move(record)), mItemIdentifier_(std::move(identifier)) {}
 
  private:
-  // The content half of itemVersion(), without building the metadata half
-  // that the log line does not show.
   // The parent, evaluated as parentItemIdentifier() does, without a copy.
   const std::optional<std::string>& evaluateParent();
   void appendFilename(std::string& out) const;
   void appendContentType(std::string& out) const;
+  // The content half of itemVersion(), without building the metadata half
+  // that the log line does not show.
   void appendContentVersion(std::string& out) const;
 
   HVFileItemRef mItem_;

@@ -58,5 +58,34 @@ TEST_F(EnumeratorChanges, FolderReportFinishesAtTheAnchorItWasGiven) {
                                       "enumerateChangesForObserver 12/ab,2,9"}));
 }
 
+// Empty or failed host answers are still one (empty) update before the
+// finish; only a JSON object moves the cursor.
+TEST_F(EnumeratorChanges, EmptyAndFailedReportsAreStillOneUpdate) {
+  struct Case {
+    std::string container, reply, query;
+    uint64_t cursor;  // after the report, from 5
+  };
+  const Case cases[] = {
+      {kRoot, list({}), "type=links", 5},
+      {kRoot, "oops", "type=links", 5},
+      {"12/ab", "oops", "type=files&uuidhash=ab&mount_id=12", 5},
+      {"12/ab", R"({"list":[]})", "type=files&uuidhash=ab&mount_id=12", 0},
+      {kWorkingSet, "oops", "type=changefiles&lasttime=5", 5},
+      {kWorkingSet, R"({"list":[],"lasttime":6})", "type=changefiles&lasttime=5", 6},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.container + " " + c.reply);
+    server.enqueue({200, c.reply});
+    RecordingObserver observer;
+    auto enumerator = this->enumerator(c.container);
+    enumerator->setUllLastTime(5);
+    enumerator->enumerateChangesForObserver(observer, "2");
+    EXPECT_EQ(observer.sequence, (Lines{"update", "finish 2"}));
+    EXPECT_TRUE(observer.items.empty());
+    EXPECT_EQ(server.queries().back(), c.query);
+    EXPECT_EQ(enumerator->ullLastTime(), c.cursor);
+  }
+}
+
 }  // namespace
 }  // namespace hvfp::test

@@ -42,6 +42,16 @@ TEST_F(ExtensionStart, EnumeratorsTakeAnchorsTwoThreeFourWithoutAskingTheHost) {
   EXPECT_EQ(extension->nCurrentAnchor(), 4);
   EXPECT_EQ(server.requestCount(), 0u);
   EXPECT_EQ(takeCapturedLog(), expectedLog);
+
+  // Anchors of two digits are two bytes, and a change report finishes at them.
+  extension->setNCurrentAnchor(11);
+  auto twelfth = enumerator(kRoot);
+  twelfth->currentSyncAnchorWithCompletionHandler([&](auto a) { anchors.push_back(*a); });
+  EXPECT_EQ(anchors.back(), "12");
+  server.enqueue({200, list({})});
+  RecordingObserver observer;
+  twelfth->enumerateChangesForObserver(observer, anchors.back());
+  EXPECT_EQ(observer.sequence, (Lines{"update", "finish 12"}));
 }
 
 TEST_F(ExtensionLookup, AnswersOnceWithTheItemOr4610) {
@@ -83,8 +93,17 @@ TEST_F(ExtensionLookup, MountRootTakesTheNameEnumerationRegistered) {
       R"({"status_code":200,"root":1,"dir":1,"filename":"Docs","uuidhash":"",)";
   server.enqueue({200, mountReply + R"("mount_id":1})"});
   server.enqueue({200, mountReply + R"("mount_id":2})"});
+  takeCapturedLog();
   EXPECT_EQ(lookup("1").item->filename(), "Docs(2)");
   EXPECT_EQ(lookup("2").item->filename(), "Docs");
+  // The item line shows the name the lookup answered with.
+  const std::string rest =
+      ",NSFileProviderRootContainerItemIdentifier,67,public.folder,"
+      "{\"filesize\":0},0,0," +
+      kEpochDates + ",1";
+  EXPECT_EQ(takeCapturedLog(),
+            (Lines{"FileProviderExtension itemForIdentifier:1,0,0", "Docs(2),1" + rest,
+                   "FileProviderExtension itemForIdentifier:2,0,0", "Docs,2" + rest}));
 }
 
 }  // namespace

@@ -1,6 +1,11 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
 #include <thread>
 
 #include "hostlink/HalvoProviderClient.h"
@@ -97,8 +102,24 @@ TEST_F(HostlinkEvents, LogLines) {
                                                          R"(onRecvFromApp {"type":3})"}));
 }
 
-// Uploads hold the client; it must not go while any queue it made runs one.
-TEST(HostlinkClient, GoesOnlyOnceEveryUploadQueueIsDone) {
+TEST_F(HostlinkEvents, SecondStartBeginsAfresh) {
+  client.setNPort(9);
+  client.setStrHost("http://127.0.0.2");
+  client.addAddFileInFo(std::make_shared<AddFileInfo>(AddFileInfo{"__fp/fs/5", "new", 3}));
+  client.addRootChangeName(std::make_shared<RootChangeName>(RootChangeName{"12", "Docs(2)"}));
+  OperationQueue* first = client.mUploadQueue();
+  client.start(NSFileProviderDomain{"hostlink-events-test", "Test"});
+  EXPECT_EQ(client.nPort(), 24753);
+  EXPECT_EQ(client.strHost(), "http://127.0.0.1");
+  EXPECT_FALSE(client.getAddFileInfo("__fp/fs/5"));
+  EXPECT_EQ(client.checkRootChangeName("12"), "");
+  EXPECT_NE(client.mUploadQueue(), first);
+}
+
+// Uploads hold the client: it waits for every queue it made, up to its exit
+// wait; an upload stuck beyond that is left running and named in the log.
+TEST(HostlinkClient, GoesOnceItsUploadsAreDoneOrItsExitWaitIsOver) {
+  setLogSink(LogSink::Capture);
   std::atomic<int> finished{0};
   auto upload = [&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -113,6 +134,32 @@ TEST(HostlinkClient, GoesOnlyOnceEveryUploadQueueIsDone) {
     }
   }
   EXPECT_EQ(finished.load(), 2);
+
+  struct Gate {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool open = false;
+  };
+  auto gate = std::make_shared<Gate>();  // the stuck upload keeps its own
+  {
+    HalvoProviderClient client;
+    client.start(NSFileProviderDomain{"hostlink-client-test", "Test"});
+    client.setExitWait(std::chrono::milliseconds(0));
+    client.mUploadQueue()->addOperationWithBlock([gate] {
+      std::unique_lock lock(gate->mutex);
+      gate->cv.wait(lock, [&] { return gate->open; });
+    });
+    takeCapturedLog();
+  }
+  EXPECT_EQ(
+      takeCapturedLog(),
+      std::vector<std::string>{"HalvoProviderClient gone with 1 uploads unfinished after 0 ms"});
+  {
+    std::lock_guard lock(gate->mutex);
+    gate->open = true;
+  }
+  gate->cv.notify_all();
+  setLogSink(LogSink::Stderr);
 }
 
 TEST(HostlinkMessagePortNames, Table) {
@@ -154,33 +201,93 @@ TEST_F(HostlinkOverBus, MessagePortGivesUpWhenNobodyListens) {
   EXPECT_EQ(client.sendDataMore(5, "x", 5), "");
 }
 
-TEST_F(HostlinkOverBus, MessagePortRetriesUntilTheHostListens) {
-  std::unique_ptr<MessagePortServer> late;
-  std::thread starter([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    auto started = MessagePortServer::start(
-        dbus::kPortName, [](int32_t, const std::string&) { return std::string("ok"); });
-    if (started) late = std::move(*started);
-  });
-  std::string reply = client.sendData(1, "x");
-  starter.join();
-  EXPECT_EQ(reply, "ok");
+// The host's port fails the first `failures` requests (its handler throws,
+// so the caller gets an error reply) and then answers `answer`.
+TEST_F(HostlinkOverBus, MessagePortAttemptsAndReplies) {
+  struct Case {
+    int32_t msgid;
+    std::string content;
+    int64_t attemptsMade;
+    int failures;
+    std::string answer;
+    std::string reply;
+    std::vector<std::string> log;
+  };
+  const std::string fail = "sendData ret fail:MessagePort_FileInfo,error num ";
+  const std::string send = "sendData MessagePort_FileInfo:x";
+  const Case cases[] = {
+      {13,
+       "文件",
+       0,
+       0,
+       R"({"status_code":200})",
+       R"({"status_code":200})",
+       {"sendData MessagePort_ChangeFile:文件",
+        R"(sendData ret:MessagePort_ChangeFile,{"status_code":200})"}},
+      // Bytes that are not UTF-8 are no text.
+      {3, "x", 0, 0, "\xff\xfe", "", {send, "sendData ret:MessagePort_FileInfo,"}},
+      {3,
+       "x",
+       0,
+       2,
+       "ok",
+       "ok",
+       {send, fail + "0", send, fail + "1", send, "sendData ret:MessagePort_FileInfo,ok"}},
+      {3,
+       "x",
+       0,
+       5,
+       "never",
+       "",
+       {send, fail + "0", send, fail + "1", send, fail + "2", send, fail + "3", send, fail + "4"}},
+      {3, "x", 3, 5, "never", "", {send, fail + "3", send, fail + "4"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.log.back());
+    std::vector<std::pair<int32_t, std::string>> received;
+    auto server =
+        MessagePortServer::start(dbus::kPortName, [&](int32_t id, const std::string& data) {
+          received.emplace_back(id, data);
+          if (received.size() <= size_t(c.failures)) throw std::runtime_error("not now");
+          return c.answer;
+        });
+    ASSERT_TRUE(server) << server.failure().message;
+    takeCapturedLog();
+    EXPECT_EQ(client.sendDataMore(c.msgid, c.content, c.attemptsMade), c.reply);
+    server->reset();  // its thread is done with `received`
+    std::vector<std::string> log;
+    for (auto& line : takeCapturedLog())
+      if (line.rfind("sendData", 0) == 0) log.push_back(line);
+    EXPECT_EQ(log, c.log);
+    const size_t attempts = (c.log.size() + 1) / 2;
+    EXPECT_EQ(received, (std::vector<std::pair<int32_t, std::string>>(
+                            attempts, std::pair<int32_t, std::string>{c.msgid, c.content})));
+  }
 }
 
-TEST_F(HostlinkOverBus, MessagePortRoundTrip) {
-  std::vector<std::pair<int32_t, std::string>> received;
-  auto server = MessagePortServer::start(dbus::kPortName, [&](int32_t id, const std::string& data) {
-    received.emplace_back(id, data);
-    return std::string(R"({"status_code":200})");
-  });
-  ASSERT_TRUE(server);
-  takeCapturedLog();
-  EXPECT_EQ(client.sendData(13, "文件"), R"({"status_code":200})");
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0], (std::pair<int32_t, std::string>{13, "文件"}));
-  EXPECT_EQ(takeCapturedLog(), (std::vector<std::string>{
-                                   "sendData MessagePort_ChangeFile:文件",
-                                   R"(sendData ret:MessagePort_ChangeFile,{"status_code":200})"}));
+// A restart that cannot reach the bus keeps the listener it had; one that
+// can replaces it. Either way events keep coming.
+TEST_F(HostlinkOverBus, RestartKeepsHearingHostEvents) {
+  const std::string address = bus->address();
+  auto emitter = HostEventEmitter::open();
+  ASSERT_TRUE(emitter) << emitter.failure().message;
+  for (bool reachable : {false, true}) {
+    SCOPED_TRACE(reachable);
+    if (!reachable) setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+    takeCapturedLog();
+    client.start(NSFileProviderDomain{"hostlink-bus-test", "Test"});
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    if (reachable)
+      EXPECT_THAT(takeCapturedLog(), testing::IsEmpty());
+    else
+      EXPECT_THAT(takeCapturedLog(), testing::ElementsAre(testing::StartsWith(
+                                         "host events: cannot listen again, the current listener "
+                                         "stays: ")));
+    EXPECT_TRUE(client.hearsHostEvents());
+    const std::string hash = reachable ? "b" : "a";
+    ASSERT_TRUE((*emitter)->emit(R"({"type":2,"mountid":12,"hash":")" + hash + R"("})"));
+    ASSERT_TRUE(signals.waitForContainer("12/" + hash));
+  }
 }
 
 }  // namespace

@@ -40,10 +40,12 @@ TEST(HostlinkRegistries, PendingAdditionsKeepFirstObject) {
   client.addAddFileInFo(first);
   client.addAddFileInFo(std::make_shared<AddFileInfo>(AddFileInfo{"__fp/fs/5", "new2", 4}));
   auto found = client.getAddFileInfo("__fp/fs/5");
-  EXPECT_EQ(found, first);
+  ASSERT_TRUE(found);
   EXPECT_EQ(found->strWebpath, "new2");
   EXPECT_EQ(found->nMountID, 4);
-  EXPECT_EQ(client.getAddFileInfo("unknown"), nullptr);
+  EXPECT_EQ(first->strWebpath, "new2");  // the first registration's entry, updated in place
+  EXPECT_EQ(first->nMountID, 4);
+  EXPECT_FALSE(client.getAddFileInfo("unknown"));
 }
 
 TEST(HostlinkRegistries, RootRenamesUpdateInPlace) {

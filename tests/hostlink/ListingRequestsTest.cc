@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "hostlink/HalvoProviderClient.h"
 #include "support/LoopbackServer.h"
 
@@ -20,55 +22,85 @@ class HostlinkListing : public ::testing::Test {
   LoopbackServer server;
 };
 
-TEST_F(HostlinkListing, FolderListingKeepsOrderAndTakesCursor) {
-  server.enqueue(
-      {200,
-       R"({"list":[{"filename":"b","uuidhash":"2"},{"filename":"a","uuidhash":"1"}],"lasttime":1700000000})"});
-  uint64_t cursor = 7;
-  auto records = client.getFiles("12/ab34", cursor);
-  EXPECT_EQ(onlyQuery(), "type=files&uuidhash=ab34&mount_id=12");
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0]->strFileName, "b");
-  EXPECT_EQ(records[1]->strFileName, "a");
-  EXPECT_EQ(cursor, 1700000000u);
+// Each request's exact query: values as text, signed and unsigned numbers in
+// full, identifiers split at their first "/".
+TEST_F(HostlinkListing, QueriesOnTheWire) {
+  struct Case {
+    std::function<void(HalvoProviderClient&)> request;
+    std::string query;
+  };
+  auto files = [](std::string id) {
+    return [id](HalvoProviderClient& c) {
+      uint64_t cursor = 7;  // never sent by a folder listing
+      c.getFiles(id, cursor);
+    };
+  };
+  auto changes = [](uint64_t from) {
+    return [from](HalvoProviderClient& c) {
+      uint64_t cursor = from;
+      c.getChangeFiles(cursor);
+    };
+  };
+  const Case cases[] = {
+      {[](HalvoProviderClient& c) { c.getLinks(); }, "type=links"},
+      {[](HalvoProviderClient& c) { c.getTrash(); }, "type=trash"},
+      {files("12/ab34"), "type=files&uuidhash=ab34&mount_id=12"},
+      {files("12"), "type=files&uuidhash=&mount_id=12"},
+      {files("-3/x"), "type=files&uuidhash=x&mount_id=-3"},
+      {changes(0), "type=changefiles&lasttime=0"},
+      {changes(uint64_t{1} << 63), "type=changefiles&lasttime=9223372036854775808"},
+      {[](HalvoProviderClient& c) { c.getFileInfo("12"); }, "type=fileinfo&uuidhash=&mount_id=12"},
+      {[](HalvoProviderClient& c) { c.getDownloadInfo("5/aa/bb"); },
+       "type=download&uuidhash=aa%2Fbb&mount_id=5"},
+  };
+  for (const Case& c : cases) {
+    c.request(client);
+    EXPECT_EQ(server.queries().back(), c.query);
+  }
+  EXPECT_EQ(server.requestCount(), std::size(cases));
 }
 
-TEST_F(HostlinkListing, MountRootAndProvisionalIdentifiers) {
-  uint64_t cursor = 0;
-  client.getFiles("12", cursor);
-  EXPECT_EQ(onlyQuery(), "type=files&uuidhash=&mount_id=12");
-  cursor = 5;
+// Provisional identifiers never reach the host and leave the cursor alone.
+TEST_F(HostlinkListing, ProvisionalIdentifiersAreNotSent) {
+  uint64_t cursor = 5;
   EXPECT_TRUE(client.getFiles("__fp/fs/1", cursor).empty());
   EXPECT_EQ(client.getFileInfo("__fp/fs/7"), nullptr);
   EXPECT_EQ(client.getDownloadInfo("__fp/fs/7"), nullptr);
-  EXPECT_EQ(server.requestCount(), 1u);
+  EXPECT_EQ(server.requestCount(), 0u);
   EXPECT_EQ(cursor, 5u);
 }
 
-TEST_F(HostlinkListing, CursorRules) {
-  uint64_t cursor = 9;
-  server.enqueue({200, R"({"error_code":5})"});
-  EXPECT_TRUE(client.getFiles("3/x", cursor).empty());
-  EXPECT_EQ(cursor, 0u);  // an object without "lasttime" resets the cursor
-
-  cursor = 9;
-  server.enqueue({200, ""});
-  EXPECT_TRUE(client.getFiles("3/x", cursor).empty());
-  server.enqueue({200, "null"});
-  EXPECT_TRUE(client.getFiles("3/x", cursor).empty());
-  server.enqueue({200, R"({"list":{"a":1},"lasttime":4})"});
-  EXPECT_TRUE(client.getFiles("3/x", cursor).empty());
-  EXPECT_EQ(cursor, 4u);
-}
-
-TEST_F(HostlinkListing, ChangeListingSendsCursor) {
-  server.enqueue({200, R"({"list":[{"uuidhash":"h","status":7}],"lasttime":"42"})"});
-  uint64_t cursor = 0;
-  auto records = client.getChangeFiles(cursor);
-  EXPECT_EQ(onlyQuery(), "type=changefiles&lasttime=0");
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0]->nStatus, 7);
-  EXPECT_EQ(cursor, 42u);
+// Folder and change listings, each starting from cursor 9: the records in
+// reply order, and the cursor after. Only a JSON object moves the cursor.
+TEST_F(HostlinkListing, RecordsAndCursorByReply) {
+  struct Case {
+    bool change;  // getChangeFiles, else getFiles
+    std::string reply;
+    std::vector<std::string> hashes;
+    uint64_t cursor;
+  };
+  const std::string two = R"({"list":[{"uuidhash":"b"},{"uuidhash":"a"}],)";
+  const Case cases[] = {
+      {false, two + R"("lasttime":1700000000})", {"b", "a"}, 1700000000},
+      {false, R"({"error_code":5})", {}, 0},
+      {false, "", {}, 9},
+      {false, "null", {}, 9},
+      {false, R"({"list":{"a":1},"lasttime":4})", {}, 4},
+      {true, two + R"("lasttime":"42"})", {"b", "a"}, 42},
+      {true, "", {}, 9},
+      {true, "[1]", {}, 9},
+      {true, R"({"list":[]})", {}, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE((c.change ? "changes " : "files ") + c.reply);
+    server.enqueue({200, c.reply});
+    uint64_t cursor = 9;
+    auto records = c.change ? client.getChangeFiles(cursor) : client.getFiles("3/x", cursor);
+    std::vector<std::string> hashes;
+    for (const auto& r : records) hashes.push_back(r->strUuidHash.value_or("-"));
+    EXPECT_EQ(hashes, c.hashes);
+    EXPECT_EQ(cursor, c.cursor);
+  }
 }
 
 TEST_F(HostlinkListing, LinksAreMountRootFolders) {

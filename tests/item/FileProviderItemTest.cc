@@ -77,7 +77,8 @@ TEST(ItemFromRecord, TypeComesFromTheWebPathNotTheName) {
   EXPECT_EQ(item->contentType().identifier, "com.adobe.pdf");
   record->strFileName = "README.pdf";
   for (const auto& path :
-       {std::optional<std::string>("docs/README"), std::optional<std::string>()}) {
+       {std::optional<std::string>("docs/README"), std::optional<std::string>("docs.v2/README"),
+        std::optional<std::string>()}) {
     record->strWebPath = path;
     EXPECT_EQ(item->contentType(), ContentType::data());
   }
@@ -85,6 +86,9 @@ TEST(ItemFromRecord, TypeComesFromTheWebPathNotTheName) {
   EXPECT_EQ(item->contentType(), ContentType::folder());
 }
 
+// A derived parent sticks through later record changes, except that trashing
+// the record (status 6 or 7) turns it into the trash on the very next read,
+// and the trash then sticks too. An empty parent set explicitly is no parent.
 TEST(ItemFromRecord, ParentOnceTrashedOrDerivedSticks) {
   auto record = fileRecord();
   record->nStatus = 6;
@@ -93,11 +97,15 @@ TEST(ItemFromRecord, ParentOnceTrashedOrDerivedSticks) {
   EXPECT_EQ(item->parentItemIdentifier(), kTrash);
   record->nStatus = 0;
   EXPECT_EQ(item->parentItemIdentifier(), kTrash);
+
   auto derived = FileProviderItem::initWithHVFileItem(record = fileRecord());
+  derived->setParentIdentifier("");
   EXPECT_EQ(derived->parentItemIdentifier(), "5");
   record->strUpHash = "u2";
   record->bRoot = true;
   EXPECT_EQ(derived->parentItemIdentifier(), "5");
+  record->nStatus = 7;
+  EXPECT_EQ(derived->parentItemIdentifier(), kTrash);
 }
 
 TEST(ItemFromRecord, EmptyOrMissingNameIsNull) {

@@ -32,6 +32,28 @@ TEST(PlatformText, IntegerValue) {
   EXPECT_EQ(intValue("-2147483649"), INT32_MIN);
 }
 
+// The extension belongs to the last component only, after its last ".".
+TEST(PlatformText, PathExtension) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"docs/report.txt", "txt"},
+      {"docs/report.final.PDF", "PDF"},
+      {"docs/README", ""},
+      {"docs.v2/README", ""},
+      {"a/.hidden", ""},
+      {"a/name.", ""},
+      {"x.pdf/", "pdf"},
+      {"a//b.tar.gz//", "gz"},
+      {"/", ""},
+      {"", ""},
+      {".", ""},
+      {"a.b", "b"},
+  };
+  for (const auto& [path, ext] : cases) {
+    EXPECT_EQ(pathExtension(path), ext) << path;
+    EXPECT_EQ(pathExtensionView(path), ext) << path;
+  }
+}
+
 TEST(PlatformContentType, ByExtension) {
   EXPECT_EQ(ContentType::typeWithFilenameExtension("PDF").identifier, "com.adobe.pdf");
   EXPECT_EQ(ContentType::typeWithFilenameExtension("jpeg").identifier, "public.jpeg");
