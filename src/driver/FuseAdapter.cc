@@ -369,6 +369,8 @@ int FuseAdapter::serve(Folder& folder, bool signals) {
   if (signals) fuse_remove_signal_handlers(session_);
   fuse_session_unmount(session_);
   mounted_ = false;
+  // The loop reports the signal that ended it; that is an orderly end.
+  if (signals && (rc == SIGINT || rc == SIGTERM || rc == SIGHUP)) return 0;
   return rc;
 }
 
