@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "cli/Console.h"
+#include "cli/MountCommand.h"
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"
 
@@ -49,8 +50,54 @@ int main(int argc, char** argv) {
 
   auto* watch = app.add_subcommand("watch", "print host events and the changes each one signals");
 
+  hvfp::cli::MountOptions mountOptions;
+  std::string cacheSize = "2G";
+  int64_t mountPort = 0;
+  auto* mount = app.add_subcommand(
+      "mount",
+      "show the domain as a folder at DIR (FUSE): the top level lists the mounts and .Trash; "
+      "reads fetch contents, writes are uploaded after the last close (fsync waits for the "
+      "upload), rm moves to .Trash, mv out of .Trash restores, rm inside .Trash deletes");
+  mount->add_option("DIR", mountOptions.dir, "an empty directory")->required();
+  mount->add_flag("--foreground", mountOptions.foreground,
+                  "stay attached, log to stderr with -v; Ctrl-C or SIGTERM unmounts (default: "
+                  "detach once mounted and log to syslog)");
+  mount
+      ->add_option("--cache-size", cacheSize,
+                   "room for local copies of contents, e.g. 512M or 10G; the least recently used "
+                   "go first")
+      ->capture_default_str()
+      ->check([](const std::string& text) {
+        return hvfp::cli::parseSize(text) ? std::string() : "a size like 512M or 10G";
+      });
+  mount
+      ->add_option("--port", mountPort,
+                   "the host app's query port (default 24753), sent as a port event")
+      ->check(CLI::Range(int64_t{1}, int64_t{65535}));
+  mount->add_option("--domain", mountOptions.domain, "the domain's name (names its cache folder)")
+      ->capture_default_str();
+  mount->add_flag("-v,--verbose", mountOptions.verbose,
+                  "with --foreground: the provider's log lines on stderr");
+
+  std::string unmountDir;
+  auto* unmount = app.add_subcommand("unmount", "unmount a folder that halvofp mount made");
+  unmount->add_option("DIR", unmountDir, "the folder")->required();
+
   CLI11_PARSE(app, argc, argv);
   if (app.get_option("--port")->count() > 0) options.port = port;
+
+  // Before anything starts a thread: mount may detach into the background.
+  if (*mount) {
+    mountOptions.cacheSize = *hvfp::cli::parseSize(cacheSize);
+    if (mount->get_option("--port")->count() > 0)
+      mountOptions.port = mountPort;
+    else
+      mountOptions.port = options.port;
+    if (mount->get_option("--domain")->count() == 0) mountOptions.domain = options.domain;
+    mountOptions.verbose = mountOptions.verbose || verbose;
+    return hvfp::cli::mount(mountOptions, std::cerr);
+  }
+  if (*unmount) return hvfp::cli::unmount(unmountDir, std::cerr);
 
   hvfp::setLogSink(verbose ? hvfp::LogSink::Stderr : hvfp::LogSink::Silent);
   hvfp::cli::Console console(hvfp::HalvoProviderClient::shareHalvoProviderClient(), options,

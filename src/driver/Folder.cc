@@ -1,0 +1,630 @@
+#include "driver/Folder.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "driver/ErrorMap.h"
+#include "platform/Log.h"
+#include "platform/fileprovider/ContainerIdentifiers.h"
+#include "platform/fileprovider/ItemTemplate.h"
+
+namespace hvfp::driver {
+namespace {
+
+const std::string kRootId(NSFileProviderRootContainerItemIdentifier);
+const std::string kTrashId(NSFileProviderTrashContainerItemIdentifier);
+
+namespace Capability {
+constexpr uint64_t Writing = 2, Reparenting = 4, Renaming = 8, Trashing = 16, Deleting = 32;
+}
+namespace Fields = NSFileProviderItemFields;
+
+Date nowDate() {
+  using namespace std::chrono;
+  return static_cast<Date>(duration_cast<seconds>(system_clock::now().time_since_epoch()).count());
+}
+
+Date mtimeOf(const struct stat& st) {
+  return static_cast<Date>(st.st_mtim.tv_sec) + static_cast<Date>(st.st_mtim.tv_nsec) * 1e-9;
+}
+
+ContentType typeFor(const std::optional<std::string>& name, bool folder) {
+  if (folder) return ContentType::folder();
+  if (!name) return ContentType::data();
+  size_t dot = name->rfind('.');
+  if (dot == std::string::npos || dot == 0 || dot + 1 == name->size()) return ContentType::data();
+  return ContentType::typeWithFilenameExtension(std::string_view(*name).substr(dot + 1));
+}
+
+// The item as the user now sees it, for the extension.
+NSFileProviderItemTemplate templateOf(const NodeInfo& info) {
+  NSFileProviderItemTemplate t;
+  const ItemRecord& r = info.record;
+  t.identifier = r.identifier;
+  t.parentIdentifier = info.parentIdentifier;
+  t.name = r.filename;
+  t.itemCapabilities = r.capabilities;
+  t.type = typeFor(r.filename, r.folder);
+  t.version = r.version;
+  t.size = r.folder ? 0 : r.size;
+  t.created = r.created;
+  t.modified = r.modified;
+  t.used = r.modified;
+  return t;
+}
+
+// One answer of the framework's change shape, waited for with a bound.
+struct ChangeAnswer {
+  std::mutex mutex;
+  std::condition_variable done;
+  bool answered = false;
+  NSFileProviderItemRef item;
+  std::optional<Error> error;
+
+  NSFileProviderItemChangeHandler handler(const std::shared_ptr<ChangeAnswer>& self) {
+    return [self](NSFileProviderItemRef item, uint64_t, bool, std::optional<Error> error) {
+      std::lock_guard lock(self->mutex);
+      if (self->answered) return;
+      self->answered = true;
+      self->item = std::move(item);
+      self->error = std::move(error);
+      self->done.notify_all();
+    };
+  }
+  bool wait(std::chrono::seconds bound) {
+    std::unique_lock lock(mutex);
+    return done.wait_for(lock, bound, [&] { return answered; });
+  }
+};
+
+}  // namespace
+
+uint32_t modeFor(const Attributes& a) {
+  const bool writable = a.capabilities & Capability::Writing;
+  if (a.folder) return S_IFDIR | (writable ? 0755 : 0555);
+  return S_IFREG | (writable ? 0644 : 0444);
+}
+
+Folder::Folder(NSFileProviderReplicatedExtension& extension,
+               std::shared_ptr<NSFileProviderManager> manager, Invalidator& invalidator,
+               FolderOptions options)
+    : extension_(extension),
+      manager_(std::move(manager)),
+      invalidator_(invalidator),
+      options_(std::move(options)),
+      replica_(extension, invalidator),
+      copies_(extension, options_.cacheFolder + "/copies", options_.cacheLimit),
+      working_(options_.cacheFolder + "/work"),
+      uploads_([this](Ino ino, Uploads::Done done) { attemptUpload(ino, std::move(done)); }) {
+  if (working_.leftovers())
+    log("driver: {} working copies of an earlier run are kept in {}", working_.leftovers(),
+        working_.folder());
+  signalThread_ = std::thread([this] { signalLoop(); });
+  if (manager_)
+    manager_->setSignalHandler([this, gate = gate_](const std::string& container) {
+      gate->pass([&] {
+        MutexLock lock(mutex_);
+        containers_.insert(container);
+        signalled_.notify_all();
+      });
+    });
+}
+
+Folder::~Folder() {
+  if (manager_) manager_->setSignalHandler(nullptr);
+  {
+    MutexLock lock(mutex_);
+    stopping_ = true;
+    signalled_.notify_all();
+    for (auto& [handle, file] : files_) ::close(file->fd);
+    files_.clear();
+  }
+  signalThread_.join();
+  gate_->close();
+}
+
+bool Folder::finish(std::chrono::milliseconds bound) { return uploads_.drain(bound); }
+
+void Folder::signalLoop() {
+  MutexLock lock(mutex_);
+  while (!stopping_) {
+    if (containers_.empty()) {
+      signalled_.wait(lock);
+      continue;
+    }
+    std::set<std::string> batch = std::move(containers_);
+    containers_.clear();
+    lock.unlock();
+    for (const auto& container : batch) replica_.signalled(container);
+    // Items that left a folder may have gone to one not signalled, or to
+    // the trash, whose own report is empty.
+    replica_.reportWorkingSet();
+    lock.lock();
+  }
+}
+
+// --- attributes --------------------------------------------------------
+
+Attributes Folder::withLocalContents(Attributes a) {
+  if (a.folder) return a;
+  if (auto path = working_.newest(a.ino)) {
+    struct stat st {};
+    if (::stat(path->c_str(), &st) == 0) {
+      a.size = static_cast<uint64_t>(st.st_size);
+      a.modified = mtimeOf(st);
+    }
+  }
+  return a;
+}
+
+Result<Attributes> Folder::lookup(Ino parent, std::string_view name) {
+  auto found = replica_.lookup(parent, name);
+  if (!found) return found;
+  return withLocalContents(*found);
+}
+
+void Folder::forget(Ino ino, uint64_t count) { replica_.forget(ino, count); }
+
+Result<Attributes> Folder::getattr(Ino ino) {
+  auto found = replica_.attributes(ino);
+  if (!found) return found;
+  return withLocalContents(*found);
+}
+
+Result<std::vector<Child>> Folder::list(Ino folder) {
+  auto children = replica_.children(folder);
+  if (!children) return children;
+  for (auto& child : *children) child.attributes = withLocalContents(child.attributes);
+  return children;
+}
+
+Result<Attributes> Folder::setattr(Ino ino, std::optional<uint64_t> size,
+                                   std::optional<Date> modified, OpenFile* file) {
+  auto info = replica_.info(ino);
+  if (!info) return info.failure();
+  if (size) {
+    if (info->record.folder) return errnoFailure(EISDIR);
+    if (!(info->record.capabilities & Capability::Writing)) return errnoFailure(EACCES);
+    if (file && file->writer) {
+      if (::ftruncate(file->fd, static_cast<off_t>(*size)) != 0) return errnoFailure(errno);
+      working_.changed(ino);
+    } else {
+      auto fd = working_.openWriter(
+          ino, *size == 0, false, [&] { return readCloudCopy(ino, *info); }, info->record.modified);
+      if (!fd) return fd.failure();
+      replica_.pin(ino, true);
+      int error = ::ftruncate(*fd, static_cast<off_t>(*size)) == 0 ? 0 : errno;
+      ::close(*fd);
+      working_.changed(ino);
+      if (auto sealed = working_.closeWriter(ino)) uploads_.schedule(ino, sealed->generation);
+      if (error) return errnoFailure(error);
+    }
+  }
+  if (modified) {
+    // Only local contents carry a time of their own until they are sent.
+    if (auto path = working_.newest(ino)) {
+      struct timespec times[2];
+      times[0].tv_nsec = UTIME_OMIT;
+      times[1].tv_sec = static_cast<time_t>(*modified);
+      times[1].tv_nsec = static_cast<long>((*modified - static_cast<Date>(times[1].tv_sec)) * 1e9);
+      ::utimensat(AT_FDCWD, path->c_str(), times, 0);
+    }
+  }
+  return getattr(ino);
+}
+
+Result<struct statvfs> Folder::statfs() {
+  struct statvfs st {};
+  if (::statvfs(options_.cacheFolder.c_str(), &st) != 0) return errnoFailure(errno);
+  return st;
+}
+
+// --- contents ----------------------------------------------------------
+
+Result<int> Folder::readCloudCopy(Ino ino, const NodeInfo& info) {
+  auto opened = copies_.open(info.record.identifier, info.record.version);
+  if (!opened) return opened.failure();
+  if (opened->fetched && opened->fetched->version != info.record.version) {
+    // The provider delivered newer contents than we knew of.
+    ItemRecord newer = *opened->fetched;
+    newer.identifier = info.record.identifier;
+    newer.parent.clear();
+    newer.filename = info.record.filename;
+    replica_.apply(ino, newer);
+  }
+  return opened->fd;
+}
+
+Result<Opened> Folder::open(Ino ino, int flags) {
+  auto info = replica_.info(ino);
+  if (!info) return info.failure();
+  if (info->record.folder) return errnoFailure(EISDIR);
+  const bool writer = (flags & O_ACCMODE) != O_RDONLY;
+  if (writer) {
+    if (!(info->record.capabilities & Capability::Writing) || info->parent == kTrashIno)
+      return errnoFailure(EACCES);
+    auto fd = working_.openWriter(
+        ino, flags & O_TRUNC, flags & O_APPEND, [&] { return readCloudCopy(ino, *info); },
+        info->record.modified);
+    if (!fd) return fd.failure();
+    replica_.pin(ino, true);
+    return track(OpenFile{ino, *fd, true}, std::nullopt);
+  }
+  if (auto path = working_.newest(ino)) {
+    int fd = ::open(path->c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) return track(OpenFile{ino, fd, false}, std::nullopt);
+  }
+  auto fd = readCloudCopy(ino, *info);
+  if (!fd) return fd.failure();
+  auto now = replica_.info(ino);
+  return track(OpenFile{ino, *fd, false},
+               now && now->record.version ? now->record.version->contentVersion : std::string());
+}
+
+void Folder::written(OpenFile& file) { working_.changed(file.ino); }
+
+Opened Folder::track(OpenFile file, const std::optional<std::string>& version) {
+  auto owned = std::make_unique<OpenFile>(file);
+  OpenFile* handle = owned.get();
+  MutexLock lock(mutex_);
+  files_.emplace(handle, std::move(owned));
+  bool keep = false;
+  if (version) {
+    auto cached = cachedVersion_.find(file.ino);
+    keep = cached != cachedVersion_.end() && cached->second == *version;
+    cachedVersion_[file.ino] = *version;
+  } else {
+    cachedVersion_.erase(file.ino);
+  }
+  return Opened{handle, keep};
+}
+
+void Folder::release(OpenFile* handle) {
+  std::unique_ptr<OpenFile> file;
+  {
+    MutexLock lock(mutex_);
+    auto it = files_.find(handle);
+    if (it == files_.end()) return;
+    file = std::move(it->second);
+    files_.erase(it);
+  }
+  ::close(file->fd);
+  if (!file->writer) return;
+  if (auto sealed = working_.closeWriter(file->ino))
+    uploads_.schedule(file->ino, sealed->generation);
+  else if (!working_.newest(file->ino))
+    replica_.pin(file->ino, false);
+}
+
+Result<void> Folder::fsync(OpenFile& file) {
+  auto sealed = working_.seal(file.ino);
+  if (!sealed) return sealed.failure();
+  if (!*sealed) return {};
+  uploads_.schedule(file.ino, (*sealed)->generation);
+  if (!uploads_.waitFor(file.ino, (*sealed)->generation))
+    return errnoFailure(EIO, "the upload failed; it is tried again");
+  return {};
+}
+
+void Folder::attemptUpload(Ino ino, Uploads::Done done) {
+  auto sealed = working_.pending(ino);
+  if (!sealed) return done(0, true);
+  auto info = replica_.info(ino);
+  if (!info || info->parent == 0 || info->parent == kTrashIno) {
+    // Writes to a file that was removed meanwhile go with it.
+    working_.drop(ino);
+    return done(sealed->generation, true);
+  }
+  struct stat st {};
+  if (::stat(sealed->path.c_str(), &st) != 0) {
+    log("driver: the local contents of {} are gone ({})", info->name, std::strerror(errno));
+    working_.drop(ino);
+    return done(sealed->generation, true);
+  }
+  NSFileProviderItemTemplate item = templateOf(*info);
+  item.size = static_cast<uint64_t>(st.st_size);
+  item.modified = item.used = mtimeOf(st);
+  const uint64_t generation = sealed->generation;
+  const std::string name = info->name;
+  auto handler = [this, gate = gate_, ino, generation, name, done](
+                     NSFileProviderItemRef reported, uint64_t, bool, std::optional<Error> error) {
+    gate->pass([&] {
+      if (error || !reported) {
+        log("driver: upload of {} failed ({})", name,
+            error ? std::to_string(error->code) : std::string("no item"));
+        return done(generation, false);
+      }
+      ItemRecord record = ItemRecord::of(*reported);
+      replica_.apply(ino, record);
+      auto keep = working_.uploaded(ino, generation);
+      if (keep && record.version)
+        copies_.adopt(record.identifier, *record.version, *keep);
+      else if (keep)
+        ::unlink(keep->c_str());
+      if (!working_.newest(ino)) replica_.pin(ino, false);
+      done(generation, true);
+    });
+  };
+  if (info->provisional)
+    extension_.createItemBasedOnTemplate(item,
+                                         Fields::Contents | Fields::Filename |
+                                             Fields::ParentItemIdentifier | Fields::CreationDate |
+                                             Fields::ContentModificationDate,
+                                         sealed->path, 0, {}, handler);
+  else
+    extension_.modifyItem(item, info->record.version, Fields::Contents, sealed->path, 0, {},
+                          handler);
+}
+
+// --- new items ---------------------------------------------------------
+
+Result<Created> Folder::create(Ino parent, std::string_view name, int flags) {
+  auto folder = replica_.info(parent);
+  if (!folder) return folder.failure();
+  if (!folder->record.folder) return errnoFailure(ENOTDIR);
+  if (parent == kRootIno || parent == kTrashIno || folder->parent == kTrashIno)
+    return errnoFailure(EPERM, "no new items here");
+  if (!(folder->record.capabilities & Capability::Writing)) return errnoFailure(EACCES);
+  ItemRecord record;
+  {
+    MutexLock lock(mutex_);
+    record.identifier = "__fp/" + std::to_string(++provisional_);
+  }
+  record.parent = folder->record.identifier;
+  record.filename = std::string(name);
+  record.created = record.modified = nowDate();
+  // Until its creation reports, a new file may be written, renamed, moved
+  // and removed.
+  record.capabilities = 63;
+  auto added = replica_.add(parent, name, record);
+  if (!added) return added.failure();
+  auto fd = working_.openWriter(
+      added->ino, true, flags & O_APPEND, [] { return Result<int>(errnoFailure(EIO)); },
+      std::nullopt);
+  if (!fd) {
+    replica_.remove(added->ino, false);
+    return fd.failure();
+  }
+  return Created{withLocalContents(*added),
+                 track(OpenFile{added->ino, *fd, true}, std::nullopt).file};
+}
+
+Result<Attributes> Folder::mkdir(Ino parent, std::string_view name) {
+  auto folder = replica_.info(parent);
+  if (!folder) return folder.failure();
+  if (!folder->record.folder) return errnoFailure(ENOTDIR);
+  if (parent == kRootIno || parent == kTrashIno || folder->parent == kTrashIno)
+    return errnoFailure(EPERM, "no new folders here");
+  if (!(folder->record.capabilities & Capability::Writing)) return errnoFailure(EACCES);
+  if (replica_.find(parent, name)) return errnoFailure(EEXIST);
+  NSFileProviderItemTemplate item;
+  {
+    MutexLock lock(mutex_);
+    item.identifier = "__fp/" + std::to_string(++provisional_);
+  }
+  item.parentIdentifier = folder->record.identifier;
+  item.name = std::string(name);
+  item.type = ContentType::folder();
+  item.itemCapabilities = 63;
+  item.size = 0;
+  item.created = item.modified = item.used = nowDate();
+  auto answer = std::make_shared<ChangeAnswer>();
+  extension_.createItemBasedOnTemplate(item,
+                                       Fields::Filename | Fields::ParentItemIdentifier |
+                                           Fields::CreationDate | Fields::ContentModificationDate,
+                                       std::nullopt, 0, {}, answer->handler(answer));
+  if (!answer->wait(options_.callBound)) return errnoFailure(EIO, "no answer to mkdir");
+  if (answer->error) return errnoFailure(errnoFor(*answer->error));
+  if (!answer->item) return errnoFailure(EIO, "mkdir answered no item");
+  ItemRecord made = ItemRecord::of(*answer->item);
+  made.folder = true;
+  return replica_.add(parent, name, made);
+}
+
+// --- changes to existing items -----------------------------------------
+
+Result<NSFileProviderItemRef> Folder::modify(const NodeInfo& info, uint64_t fields,
+                                             const std::optional<std::string>& name,
+                                             const std::optional<std::string>& parent) {
+  NSFileProviderItemTemplate item = templateOf(info);
+  if (name) item.name = *name;
+  if (parent) item.parentIdentifier = *parent;
+  auto answer = std::make_shared<ChangeAnswer>();
+  extension_.modifyItem(item, info.record.version, fields, std::nullopt, 0, {},
+                        answer->handler(answer));
+  if (!answer->wait(options_.callBound)) return errnoFailure(EIO, "no answer to a modification");
+  if (answer->error) return errnoFailure(errnoFor(*answer->error));
+  return answer->item;
+}
+
+Result<void> Folder::settleUploads(Ino ino) {
+  auto info = replica_.info(ino);
+  if (!info || info->provisional) return {};
+  if (auto pending = working_.pending(ino); pending && !uploads_.waitFor(ino, pending->generation))
+    return errnoFailure(EIO, "its contents could not be sent yet");
+  return {};
+}
+
+Result<void> Folder::trash(Ino ino) {
+  if (auto settled = settleUploads(ino); !settled) return settled;
+  Result<void> result;
+  uploads_.whileIdle(ino, [&](bool) {
+    auto info = replica_.info(ino);
+    if (!info) return (result = info.failure()), false;
+    if (info->provisional) {
+      // Never created: nothing to move to the trash.
+      working_.drop(ino);
+      replica_.remove(ino, false);
+      return true;
+    }
+    if (!(info->record.capabilities & Capability::Trashing))
+      return (result = errnoFailure(EPERM)), false;
+    auto reply = modify(*info, Fields::ParentItemIdentifier, std::nullopt, kTrashId);
+    if (!reply) return (result = reply.failure()), false;
+    if (*reply)
+      replica_.apply(ino, ItemRecord::of(**reply));
+    else
+      replica_.remove(ino, false);
+    return false;
+  });
+  return result;
+}
+
+Result<void> Folder::erase(Ino ino) {
+  auto info = replica_.info(ino);
+  if (!info) return info.failure();
+  if (!(info->record.capabilities & Capability::Deleting)) return errnoFailure(EPERM);
+  auto answer = std::make_shared<ChangeAnswer>();
+  auto handler = answer->handler(answer);
+  extension_.deleteItemWithIdentifier(
+      info->record.identifier, info->record.version, 0, {},
+      [handler](std::optional<Error> error) { handler(nullptr, 0, false, std::move(error)); });
+  if (!answer->wait(options_.callBound)) return errnoFailure(EIO, "no answer to a deletion");
+  if (answer->error) return errnoFailure(errnoFor(*answer->error));
+  working_.drop(ino);
+  replica_.remove(ino, true);
+  return {};
+}
+
+Result<void> Folder::move(Ino ino, Ino newParent, std::string_view newName) {
+  auto target = replica_.info(newParent);
+  if (!target) return target.failure();
+  if (!target->record.folder) return errnoFailure(ENOTDIR);
+  if (auto settled = settleUploads(ino); !settled) return settled;
+  Result<void> result;
+  uploads_.whileIdle(ino, [&](bool) {
+    auto info = replica_.info(ino);
+    if (!info) return (result = info.failure()), false;
+    const bool renamed = info->record.filename != std::string(newName);
+    const bool moved = info->parent != newParent;
+    if (info->provisional) {
+      // Not created yet: the creation will carry the new name and place.
+      ItemRecord local = info->record;
+      local.filename = std::string(newName);
+      local.parent = target->record.identifier;
+      replica_.apply(ino, local);
+      return false;
+    }
+    if ((renamed && !(info->record.capabilities & Capability::Renaming)) ||
+        (moved && !(info->record.capabilities & Capability::Reparenting)))
+      return (result = errnoFailure(EPERM)), false;
+    if (renamed) {
+      auto reply = modify(*info, Fields::Filename, std::string(newName), std::nullopt);
+      if (!reply) return (result = reply.failure()), false;
+      if (*reply) replica_.apply(ino, ItemRecord::of(**reply));
+      info = replica_.info(ino);
+      if (!info) return (result = info.failure()), false;
+    }
+    if (moved) {
+      auto reply =
+          modify(*info, Fields::ParentItemIdentifier, std::nullopt, target->record.identifier);
+      if (!reply) return (result = reply.failure()), false;
+      if (*reply) replica_.apply(ino, ItemRecord::of(**reply));
+    }
+    return false;
+  });
+  return result;
+}
+
+Result<void> Folder::restore(Ino ino, Ino newParent, std::string_view newName) {
+  auto target = replica_.info(newParent);
+  if (!target) return target.failure();
+  if (!target->record.folder) return errnoFailure(ENOTDIR);
+  auto info = replica_.info(ino);
+  if (!info) return info.failure();
+  auto reply = modify(*info, Fields::ParentItemIdentifier, std::nullopt, target->record.identifier);
+  if (!reply) return reply.failure();
+  // A restore puts the item back where it was; see where that is.
+  NSFileProviderItemRef placed = *reply;
+  extension_.itemForIdentifier(info->record.identifier, {},
+                               [&](NSFileProviderItemRef item, std::optional<Error>) {
+                                 if (item) placed = std::move(item);
+                               });
+  if (placed) replica_.apply(ino, ItemRecord::of(*placed));
+  auto now = replica_.info(ino);
+  if (!now) return now.failure();
+  if (now->parent == kTrashIno || now->record.parent == kTrashId) {
+    log("driver: the cloud kept {} in the trash", now->name);
+    return errnoFailure(EACCES);
+  }
+  if (now->parent == newParent && now->record.filename == std::string(newName)) return {};
+  return move(ino, newParent, newName);
+}
+
+Result<void> Folder::removeEntry(Ino parent, std::string_view name, bool folder) {
+  auto found = replica_.find(parent, name);
+  if (!found) return found.failure();
+  const Ino ino = *found;
+  if (ino == kTrashIno || parent == kRootIno) return errnoFailure(EPERM);
+  auto info = replica_.info(ino);
+  if (!info) return info.failure();
+  if (folder && !info->record.folder) return errnoFailure(ENOTDIR);
+  if (!folder && info->record.folder) return errnoFailure(EISDIR);
+  if (folder) {
+    auto empty = replica_.empty(ino);
+    if (!empty) return empty.failure();
+    if (!*empty) return errnoFailure(ENOTEMPTY);
+  }
+  return parent == kTrashIno ? erase(ino) : trash(ino);
+}
+
+Result<void> Folder::unlink(Ino parent, std::string_view name) {
+  return removeEntry(parent, name, false);
+}
+
+Result<void> Folder::rmdir(Ino parent, std::string_view name) {
+  return removeEntry(parent, name, true);
+}
+
+Result<void> Folder::rename(Ino parent, std::string_view name, Ino newParent,
+                            std::string_view newName, unsigned flags) {
+  if (flags & ~unsigned{RENAME_NOREPLACE}) return errnoFailure(EINVAL);
+  auto found = replica_.find(parent, name);
+  if (!found) return found.failure();
+  const Ino ino = *found;
+  if (ino == kTrashIno || parent == kRootIno || newParent == kRootIno)
+    return errnoFailure(EPERM, "mounts and the trash stay where they are");
+  auto info = replica_.info(ino);
+  if (!info) return info.failure();
+  if (auto existing = replica_.find(newParent, newName); existing) {
+    if (*existing == ino) return {};
+    if (flags & RENAME_NOREPLACE) return errnoFailure(EEXIST);
+    auto other = replica_.info(*existing);
+    if (!other) return other.failure();
+    if (info->record.folder && !other->record.folder) return errnoFailure(ENOTDIR);
+    if (!info->record.folder && other->record.folder) return errnoFailure(EISDIR);
+    if (other->record.folder) {
+      auto empty = replica_.empty(*existing);
+      if (!empty) return empty.failure();
+      if (!*empty) return errnoFailure(ENOTEMPTY);
+    }
+    // Nothing is lost: what is replaced goes to the trash first.
+    if (newParent != kTrashIno)
+      if (auto trashed = trash(*existing); !trashed) return trashed;
+  }
+  Result<void> result;
+  if (newParent == kTrashIno && parent != kTrashIno)
+    result = trash(ino);
+  else if (parent == kTrashIno && newParent != kTrashIno)
+    result = restore(ino, newParent, newName);
+  else
+    result = move(ino, newParent, newName);
+
+  // The kernel takes newName in newParent for the item when the call
+  // succeeds, and name in parent when it fails: where the replica shows it
+  // elsewhere, those entries are stale.
+  auto now = replica_.info(ino);
+  const Ino wantParent = result ? newParent : parent;
+  const std::string wantName(result ? newName : name);
+  if (!now || now->parent != wantParent || now->name != wantName)
+    invalidator_.invalidate({{Invalidation::Kind::Entry, wantParent, 0, wantName}});
+  return result;
+}
+
+}  // namespace hvfp::driver

@@ -1,0 +1,159 @@
+// Folder: the file-provider framework's role on Linux, as file-system
+// operations. The FUSE adapter calls one operation per kernel request; each
+// answers with attributes or an errno, and reaches the provider only through
+// the framework's calls on the extension it was given: lookups and
+// enumerations (through the replica), content fetches (through the copies),
+// creations, modifications and deletions.
+//
+// What the user does and what the provider is asked:
+//   reading a file      one content fetch per item version, shared
+//   writing a file      nothing until the last close: then creation (a new
+//                       file, under a provisional identifier) or a contents
+//                       modification, in the background; fsync waits for it
+//   mkdir               creation of a folder, waited for
+//   rename in a folder  modification of the filename
+//   move                modification of the parent (filename first when both)
+//   rm, rmdir           modification of the parent to the trash
+//   mv out of .Trash    modification of the parent (a restore), then filename
+//                       and parent as asked, if the cloud put it elsewhere
+//   rm inside .Trash    deletion
+// A rename onto an existing item first moves that item to the trash.
+// Symbolic and hard links are refused (EPERM); modes and owners cannot be
+// changed but the calls are accepted; a modification time set while local
+// contents wait for upload is the one the upload sends.
+//
+// Ownership: owns the replica, the copies, the working copies, the upload
+// queue and its signal thread; the extension, the manager and the
+// invalidator are its maker's and outlive it. Answers that arrive after the
+// folder went are dropped.
+// Threads: every operation may be called from any thread, several at once;
+// they block their caller on the provider. Host signals are handled on the
+// folder's own signal thread.
+#pragma once
+
+#include <sys/statvfs.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "driver/Copies.h"
+#include "driver/Gate.h"
+#include "driver/Replica.h"
+#include "driver/Uploads.h"
+#include "driver/WorkingCopies.h"
+#include "platform/fileprovider/NSFileProviderManager.h"
+
+namespace hvfp::driver {
+
+struct FolderOptions {
+  std::string cacheFolder;  // $XDG_CACHE_HOME/halvofp/<domain>
+  uint64_t cacheLimit = uint64_t{2} << 30;
+  // How long a metadata call (mkdir, rename, rm, ...) may take.
+  std::chrono::seconds callBound{600};
+};
+
+// One open of a file: the kernel's file handle points at it.
+struct OpenFile {
+  Ino ino = 0;
+  int fd = -1;
+  bool writer = false;
+};
+
+// Open files belong to the folder until released; one still open when the
+// folder goes is closed then, its unsent writes kept in the work folder.
+struct Opened {
+  OpenFile* file = nullptr;
+  bool keepCache = false;  // the kernel's cached pages are still the contents
+};
+
+struct Created {
+  Attributes attributes;
+  OpenFile* file = nullptr;
+};
+
+// Mode bits from capabilities: no writing capability means read-only.
+uint32_t modeFor(const Attributes& attributes);
+
+class Folder {
+ public:
+  Folder(NSFileProviderReplicatedExtension& extension,
+         std::shared_ptr<NSFileProviderManager> manager, Invalidator& invalidator,
+         FolderOptions options);
+  ~Folder();
+  Folder(const Folder&) = delete;
+  Folder& operator=(const Folder&) = delete;
+
+  // Waits up to `bound` for uploads running or due; true when none is left.
+  bool finish(std::chrono::milliseconds bound);
+  Replica& replica() { return replica_; }
+
+  Result<Attributes> lookup(Ino parent, std::string_view name);
+  void forget(Ino ino, uint64_t count);
+  Result<Attributes> getattr(Ino ino);
+  // `file` is the open file the call came through, if any.
+  Result<Attributes> setattr(Ino ino, std::optional<uint64_t> size, std::optional<Date> modified,
+                             OpenFile* file);
+  Result<std::vector<Child>> list(Ino folder);
+  Result<Opened> open(Ino ino, int flags);
+  void written(OpenFile& file);
+  void release(OpenFile* file);
+  Result<void> fsync(OpenFile& file);
+  Result<Created> create(Ino parent, std::string_view name, int flags);
+  Result<Attributes> mkdir(Ino parent, std::string_view name);
+  Result<void> unlink(Ino parent, std::string_view name);
+  Result<void> rmdir(Ino parent, std::string_view name);
+  Result<void> rename(Ino parent, std::string_view name, Ino newParent, std::string_view newName,
+                      unsigned flags);
+  Result<struct statvfs> statfs();
+
+ private:
+  // Registers an open file. `version`: the cloud contents it serves, kept in
+  // the kernel's cache while unchanged; none: local contents, never kept.
+  Opened track(OpenFile file, const std::optional<std::string>& version) EXCLUDES(mutex_);
+  Attributes withLocalContents(Attributes attributes);
+  // A descriptor on the cloud's contents; newer contents the fetch brought
+  // update the replica.
+  Result<int> readCloudCopy(Ino ino, const NodeInfo& info);
+  void attemptUpload(Ino ino, Uploads::Done done);
+  Result<NSFileProviderItemRef> modify(const NodeInfo& info, uint64_t fields,
+                                       const std::optional<std::string>& name,
+                                       const std::optional<std::string>& parent);
+  Result<void> settleUploads(Ino ino);
+  Result<void> trash(Ino ino);
+  Result<void> erase(Ino ino);
+  Result<void> restore(Ino ino, Ino newParent, std::string_view newName);
+  Result<void> move(Ino ino, Ino newParent, std::string_view newName);
+  Result<void> removeEntry(Ino parent, std::string_view name, bool folder);
+  void signalLoop();
+
+  NSFileProviderReplicatedExtension& extension_;
+  std::shared_ptr<NSFileProviderManager> manager_;
+  Invalidator& invalidator_;
+  FolderOptions options_;
+  std::shared_ptr<Gate> gate_ = Gate::make();
+  Replica replica_;
+  Copies copies_;
+  WorkingCopies working_;
+  Uploads uploads_;
+
+  Mutex mutex_;
+  std::condition_variable_any signalled_;
+  std::set<std::string> containers_ GUARDED_BY(mutex_);  // signalled, not yet reported
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  // The content version the kernel's page cache holds for each inode.
+  std::unordered_map<Ino, std::string> cachedVersion_ GUARDED_BY(mutex_);
+  uint64_t provisional_ GUARDED_BY(mutex_) = 0;
+  std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> files_ GUARDED_BY(mutex_);
+  std::thread signalThread_;
+};
+
+}  // namespace hvfp::driver

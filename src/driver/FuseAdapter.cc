@@ -1,0 +1,434 @@
+#define FUSE_USE_VERSION 312
+#include "driver/FuseAdapter.h"
+
+#include <fuse3/fuse_lowlevel.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+
+#include "platform/Log.h"
+
+extern char** environ;
+
+namespace hvfp::driver {
+namespace {
+
+// Fallback only: what goes stale is also told to the kernel at once.
+constexpr double kTimeout = 1.0;
+
+FuseAdapter& self(fuse_req_t req) { return *static_cast<FuseAdapter*>(fuse_req_userdata(req)); }
+Folder& folderOf(fuse_req_t req) { return self(req).folder(); }
+
+int errnoOf(const Failure& failure) { return failure.code > 0 ? failure.code : EIO; }
+
+void replyError(fuse_req_t req, const Failure& failure) { fuse_reply_err(req, errnoOf(failure)); }
+
+struct timespec timeOf(Date date) {
+  struct timespec ts {};
+  double whole = std::floor(date);
+  ts.tv_sec = static_cast<time_t>(whole);
+  ts.tv_nsec = static_cast<long>((date - whole) * 1e9);
+  return ts;
+}
+
+struct stat statOf(fuse_req_t req, const Attributes& a) {
+  struct stat st {};
+  st.st_ino = a.ino;
+  st.st_mode = modeFor(a);
+  st.st_nlink = 1;  // "unknown" for folders: find must not count subfolders
+  st.st_uid = self(req).uid();
+  st.st_gid = self(req).gid();
+  st.st_size = static_cast<off_t>(a.size);
+  st.st_blksize = 4096;
+  st.st_blocks = static_cast<blkcnt_t>((a.size + 511) / 512);
+  st.st_mtim = st.st_ctim = st.st_atim = timeOf(a.modified);
+  return st;
+}
+
+fuse_entry_param entryOf(fuse_req_t req, const Attributes& a) {
+  fuse_entry_param e{};
+  e.ino = a.ino;
+  e.generation = 1;
+  e.attr = statOf(req, a);
+  e.attr_timeout = kTimeout;
+  e.entry_timeout = kTimeout;
+  return e;
+}
+
+OpenFile* fileOf(fuse_file_info* fi) { return reinterpret_cast<OpenFile*>(fi->fh); }
+
+void refuse(fuse_req_t req, const char* what) {
+  log("driver: {} refused: the cloud keeps no links", what);
+  fuse_reply_err(req, EPERM);
+}
+
+// --- the operations ------------------------------------------------------
+
+void opInit(void*, fuse_conn_info* conn) {
+  if (conn->capable & FUSE_CAP_SPLICE_WRITE) conn->want |= FUSE_CAP_SPLICE_WRITE;
+  if (conn->capable & FUSE_CAP_SPLICE_MOVE) conn->want |= FUSE_CAP_SPLICE_MOVE;
+  if (conn->capable & FUSE_CAP_SPLICE_READ) conn->want |= FUSE_CAP_SPLICE_READ;
+  if (conn->capable & FUSE_CAP_ATOMIC_O_TRUNC) conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
+  conn->want &= ~FUSE_CAP_WRITEBACK_CACHE;
+}
+
+void opLookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  auto found = folderOf(req).lookup(parent, name);
+  if (!found) return replyError(req, found.failure());
+  fuse_entry_param e = entryOf(req, *found);
+  fuse_reply_entry(req, &e);
+}
+
+void opForget(fuse_req_t req, fuse_ino_t ino, uint64_t count) {
+  folderOf(req).forget(ino, count);
+  fuse_reply_none(req);
+}
+
+void opForgetMulti(fuse_req_t req, size_t count, fuse_forget_data* forgets) {
+  for (size_t i = 0; i < count; ++i) folderOf(req).forget(forgets[i].ino, forgets[i].nlookup);
+  fuse_reply_none(req);
+}
+
+void opGetattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
+  auto found = folderOf(req).getattr(ino);
+  if (!found) return replyError(req, found.failure());
+  struct stat st = statOf(req, *found);
+  fuse_reply_attr(req, &st, kTimeout);
+}
+
+void opSetattr(fuse_req_t req, fuse_ino_t ino, struct stat* attr, int toSet, fuse_file_info* fi) {
+  std::optional<uint64_t> size;
+  std::optional<Date> modified;
+  if (toSet & FUSE_SET_ATTR_SIZE) size = static_cast<uint64_t>(attr->st_size);
+  if (toSet & FUSE_SET_ATTR_MTIME_NOW) {
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    modified = static_cast<Date>(now.tv_sec) + static_cast<Date>(now.tv_nsec) * 1e-9;
+  } else if (toSet & FUSE_SET_ATTR_MTIME) {
+    modified =
+        static_cast<Date>(attr->st_mtim.tv_sec) + static_cast<Date>(attr->st_mtim.tv_nsec) * 1e-9;
+  }
+  // Modes and owners are accepted: the cloud keeps none.
+  auto done = folderOf(req).setattr(ino, size, modified, fi ? fileOf(fi) : nullptr);
+  if (!done) return replyError(req, done.failure());
+  struct stat st = statOf(req, *done);
+  fuse_reply_attr(req, &st, kTimeout);
+}
+
+void opMknod(fuse_req_t req, fuse_ino_t, const char*, mode_t, dev_t) { refuse(req, "mknod"); }
+
+void opMkdir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
+  auto made = folderOf(req).mkdir(parent, name);
+  if (!made) return replyError(req, made.failure());
+  fuse_entry_param e = entryOf(req, *made);
+  fuse_reply_entry(req, &e);
+}
+
+void opUnlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  auto done = folderOf(req).unlink(parent, name);
+  fuse_reply_err(req, done ? 0 : errnoOf(done.failure()));
+}
+
+void opRmdir(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  auto done = folderOf(req).rmdir(parent, name);
+  fuse_reply_err(req, done ? 0 : errnoOf(done.failure()));
+}
+
+void opSymlink(fuse_req_t req, const char*, fuse_ino_t, const char*) { refuse(req, "symlink"); }
+
+void opRename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t newParent,
+              const char* newName, unsigned int flags) {
+  auto done = folderOf(req).rename(parent, name, newParent, newName, flags);
+  fuse_reply_err(req, done ? 0 : errnoOf(done.failure()));
+}
+
+void opLink(fuse_req_t req, fuse_ino_t, fuse_ino_t, const char*) { refuse(req, "link"); }
+
+void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+  auto opened = folderOf(req).open(ino, fi->flags);
+  if (!opened) return replyError(req, opened.failure());
+  fi->keep_cache = opened->keepCache;
+  fi->fh = reinterpret_cast<uint64_t>(opened->file);
+  if (fuse_reply_open(req, fi) != 0) folderOf(req).release(opened->file);
+}
+
+void opRead(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info* fi) {
+  fuse_bufvec buf = FUSE_BUFVEC_INIT(size);
+  buf.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
+  buf.buf[0].fd = fileOf(fi)->fd;
+  buf.buf[0].pos = off;
+  fuse_reply_data(req, &buf, FUSE_BUF_SPLICE_MOVE);
+}
+
+void opWriteBuf(fuse_req_t req, fuse_ino_t, fuse_bufvec* in, off_t off, fuse_file_info* fi) {
+  OpenFile* file = fileOf(fi);
+  if (!file->writer) return (void)fuse_reply_err(req, EBADF);
+  fuse_bufvec out = FUSE_BUFVEC_INIT(fuse_buf_size(in));
+  out.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
+  out.buf[0].fd = file->fd;
+  out.buf[0].pos = off;
+  ssize_t written = fuse_buf_copy(&out, in, static_cast<fuse_buf_copy_flags>(0));
+  if (written < 0) return (void)fuse_reply_err(req, static_cast<int>(-written));
+  folderOf(req).written(*file);
+  fuse_reply_write(req, static_cast<size_t>(written));
+}
+
+void opFlush(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
+
+void opRelease(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
+  folderOf(req).release(fileOf(fi));
+  fuse_reply_err(req, 0);
+}
+
+void opFsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info* fi) {
+  auto done = folderOf(req).fsync(*fileOf(fi));
+  fuse_reply_err(req, done ? 0 : errnoOf(done.failure()));
+}
+
+void opOpendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+  auto listed = folderOf(req).list(ino);
+  if (!listed) return replyError(req, listed.failure());
+  auto handle = std::make_unique<DirHandle>();
+  handle->entries.reserve(listed->size() + 2);
+  auto here = folderOf(req).getattr(ino);
+  auto info = folderOf(req).replica().info(ino);
+  Attributes dot = here ? *here : Attributes{ino, true};
+  Attributes dotdot{info && info->parent ? info->parent : FUSE_ROOT_ID, true};
+  handle->entries.push_back(Child{".", dot});
+  handle->entries.push_back(Child{"..", dotdot});
+  for (auto& child : *listed) handle->entries.push_back(std::move(child));
+  fi->fh = reinterpret_cast<uint64_t>(handle.get());
+  DirHandle* raw = handle.get();
+  self(req).keepDir(std::move(handle));
+  if (fuse_reply_open(req, fi) != 0) self(req).dropDir(raw);
+}
+
+void readEntries(fuse_req_t req, size_t size, off_t off, fuse_file_info* fi, bool plus) {
+  auto* handle = reinterpret_cast<DirHandle*>(fi->fh);
+  std::vector<char> buf(size);
+  size_t used = 0;
+  for (size_t i = static_cast<size_t>(off); i < handle->entries.size(); ++i) {
+    const Child& child = handle->entries[i];
+    const bool dots = i < 2;
+    size_t needed;
+    if (plus) {
+      fuse_entry_param e = entryOf(req, child.attributes);
+      if (dots) e.ino = 0;  // no entry for the kernel to keep
+      needed = fuse_add_direntry_plus(req, buf.data() + used, size - used, child.name.c_str(), &e,
+                                      static_cast<off_t>(i + 1));
+    } else {
+      struct stat st = statOf(req, child.attributes);
+      needed = fuse_add_direntry(req, buf.data() + used, size - used, child.name.c_str(), &st,
+                                 static_cast<off_t>(i + 1));
+    }
+    if (needed > size - used) break;
+    if (plus && !dots) folderOf(req).replica().countLookup(child.attributes.ino);
+    used += needed;
+  }
+  fuse_reply_buf(req, buf.data(), used);
+}
+
+void opReaddir(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info* fi) {
+  readEntries(req, size, off, fi, false);
+}
+
+void opReaddirplus(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info* fi) {
+  readEntries(req, size, off, fi, true);
+}
+
+void opReleasedir(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
+  self(req).dropDir(reinterpret_cast<DirHandle*>(fi->fh));
+  fuse_reply_err(req, 0);
+}
+
+void opStatfs(fuse_req_t req, fuse_ino_t) {
+  auto st = folderOf(req).statfs();
+  if (!st) return replyError(req, st.failure());
+  fuse_reply_statfs(req, &*st);
+}
+
+void opCreate(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse_file_info* fi) {
+  auto made = folderOf(req).create(parent, name, fi->flags);
+  if (!made) return replyError(req, made.failure());
+  fuse_entry_param e = entryOf(req, made->attributes);
+  fi->fh = reinterpret_cast<uint64_t>(made->file);
+  if (fuse_reply_create(req, &e, fi) != 0) folderOf(req).release(made->file);
+}
+
+const fuse_lowlevel_ops& operations() {
+  static const fuse_lowlevel_ops ops = [] {
+    fuse_lowlevel_ops o{};
+    o.init = opInit;
+    o.lookup = opLookup;
+    o.forget = opForget;
+    o.forget_multi = opForgetMulti;
+    o.getattr = opGetattr;
+    o.setattr = opSetattr;
+    o.mknod = opMknod;
+    o.mkdir = opMkdir;
+    o.unlink = opUnlink;
+    o.rmdir = opRmdir;
+    o.symlink = opSymlink;
+    o.rename = opRename;
+    o.link = opLink;
+    o.open = opOpen;
+    o.read = opRead;
+    o.write_buf = opWriteBuf;
+    o.flush = opFlush;
+    o.release = opRelease;
+    o.fsync = opFsync;
+    o.opendir = opOpendir;
+    o.readdir = opReaddir;
+    o.readdirplus = opReaddirplus;
+    o.releasedir = opReleasedir;
+    o.statfs = opStatfs;
+    o.create = opCreate;
+    return o;
+  }();
+  return ops;
+}
+
+bool detach(const std::string& dir) {
+  if (::umount2(dir.c_str(), MNT_DETACH) == 0) return true;
+  // Not root: the setuid helper may.
+  const char* argv[] = {"fusermount3", "-u", "-z", "-q", dir.c_str(), nullptr};
+  pid_t pid = -1;
+  int status = 0;
+  return posix_spawnp(&pid, "fusermount3", nullptr, nullptr, const_cast<char* const*>(argv),
+                      environ) == 0 &&
+         ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+FuseAdapter::FuseAdapter() : uid_(::getuid()), gid_(::getgid()) {
+  notifier_ = std::thread([this] { notifyLoop(); });
+}
+
+FuseAdapter::~FuseAdapter() {
+  {
+    MutexLock lock(mutex_);
+    stopping_ = true;
+    live_ = false;
+    queued_.notify_all();
+  }
+  notifier_.join();
+  if (session_) {
+    if (mounted_) fuse_session_unmount(session_);
+    fuse_session_destroy(session_);
+  }
+}
+
+Result<void> FuseAdapter::mount(const std::string& dir) {
+  const char* argv[] = {"halvofp", "-o", "fsname=halvofp,subtype=halvofp,default_permissions"};
+  fuse_args args = FUSE_ARGS_INIT(3, const_cast<char**>(argv));
+  session_ = fuse_session_new(&args, &operations(), sizeof(fuse_lowlevel_ops), this);
+  fuse_opt_free_args(&args);
+  if (!session_) return fail("cannot start a FUSE session");
+  if (fuse_session_mount(session_, dir.c_str()) != 0)
+    return fail("cannot mount on " + dir + " (see the log)");
+  mountpoint_ = dir;
+  mounted_ = true;
+  return {};
+}
+
+int FuseAdapter::serve(Folder& folder, bool signals) {
+  if (!session_ || !mounted_) return 1;
+  folder_ = &folder;
+  if (signals) {
+    fuse_set_signal_handlers(session_);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  }
+  {
+    MutexLock lock(mutex_);
+    live_ = true;
+  }
+  fuse_loop_config* config = fuse_loop_cfg_create();
+  fuse_loop_cfg_set_max_threads(config, 32);
+  int rc = fuse_session_loop_mt(session_, config);
+  fuse_loop_cfg_destroy(config);
+  {
+    // The session's descriptor goes with the mount: no notification may
+    // be on its way to it.
+    MutexLock lock(mutex_);
+    live_ = false;
+    queue_.clear();
+    while (notifying_) queued_.wait(lock);
+  }
+  if (signals) fuse_remove_signal_handlers(session_);
+  fuse_session_unmount(session_);
+  mounted_ = false;
+  // The loop reports the signal that ended it; that is an orderly end.
+  if (signals && (rc == SIGINT || rc == SIGTERM || rc == SIGHUP)) return 0;
+  return rc;
+}
+
+void FuseAdapter::stop() {
+  // The kernel ends the session once the last open file was released.
+  if (mountpoint_.empty() || !detach(mountpoint_))
+    if (session_) fuse_session_exit(session_);
+}
+
+void FuseAdapter::keepDir(std::unique_ptr<DirHandle> handle) {
+  MutexLock lock(mutex_);
+  DirHandle* raw = handle.get();
+  dirs_.emplace(raw, std::move(handle));
+}
+
+void FuseAdapter::dropDir(DirHandle* handle) {
+  MutexLock lock(mutex_);
+  dirs_.erase(handle);
+}
+
+void FuseAdapter::invalidate(std::vector<Invalidation> batch) {
+  MutexLock lock(mutex_);
+  if (!live_) return;
+  queue_.insert(queue_.end(), std::make_move_iterator(batch.begin()),
+                std::make_move_iterator(batch.end()));
+  queued_.notify_all();
+}
+
+void FuseAdapter::notifyLoop() {
+  MutexLock lock(mutex_);
+  for (;;) {
+    while (!stopping_ && queue_.empty()) queued_.wait(lock);
+    if (stopping_) return;
+    Invalidation next = std::move(queue_.front());
+    queue_.pop_front();
+    if (!live_) continue;
+    notifying_ = true;
+    lock.unlock();
+    switch (next.kind) {
+      case Invalidation::Kind::Entry:
+        fuse_lowlevel_notify_inval_entry(session_, next.parent, next.name.c_str(),
+                                         next.name.size());
+        break;
+      case Invalidation::Kind::Delete:
+        fuse_lowlevel_notify_delete(session_, next.parent, next.ino, next.name.c_str(),
+                                    next.name.size());
+        break;
+      case Invalidation::Kind::Attributes:
+        fuse_lowlevel_notify_inval_inode(session_, next.ino, -1, 0);
+        break;
+      case Invalidation::Kind::Contents:
+        fuse_lowlevel_notify_inval_inode(session_, next.ino, 0, 0);
+        break;
+    }
+    lock.lock();
+    notifying_ = false;
+    queued_.notify_all();
+  }
+}
+
+}  // namespace hvfp::driver

@@ -1,0 +1,135 @@
+#include "driver/Uploads.h"
+
+#include <algorithm>
+
+#include "platform/Log.h"
+
+namespace hvfp::driver {
+
+using Clock = std::chrono::steady_clock;
+
+Uploads::Uploads(Attempt attempt) : attempt_(std::move(attempt)) {
+  worker_ = std::thread([this] { run(); });
+}
+
+Uploads::~Uploads() {
+  {
+    MutexLock lock(mutex_);
+    stopping_ = true;
+    changed_.notify_all();
+  }
+  worker_.join();
+  gate_->close();
+}
+
+std::chrono::milliseconds Uploads::pauseAfter(int failures) {
+  const int doublings = std::clamp(failures - 1, 0, 6);
+  return std::min(std::chrono::milliseconds(1000) * (1 << doublings),
+                  std::chrono::milliseconds(60000));
+}
+
+void Uploads::schedule(Ino ino, uint64_t generation) {
+  MutexLock lock(mutex_);
+  Job& job = jobs_[ino];
+  job.wanted = std::max(job.wanted, generation);
+  changed_.notify_all();
+}
+
+bool Uploads::waitFor(Ino ino, uint64_t generation) {
+  MutexLock lock(mutex_);
+  for (;;) {
+    auto it = jobs_.find(ino);
+    if (it == jobs_.end() || it->second.sent >= generation) return true;
+    if (it->second.failedAt >= generation && !it->second.running) return false;
+    changed_.wait(lock);
+  }
+}
+
+void Uploads::whileIdle(Ino ino, const std::function<bool(bool due)>& fn) {
+  MutexLock lock(mutex_);
+  for (;;) {
+    auto it = jobs_.find(ino);
+    if (it == jobs_.end()) {
+      fn(false);
+      return;
+    }
+    if (!it->second.running) {
+      if (fn(it->second.wanted > it->second.sent)) {
+        jobs_.erase(ino);
+        changed_.notify_all();
+      }
+      return;
+    }
+    changed_.wait(lock);
+  }
+}
+
+void Uploads::forget(Ino ino) {
+  MutexLock lock(mutex_);
+  auto it = jobs_.find(ino);
+  if (it == jobs_.end()) return;
+  it->second.wanted = it->second.sent;  // a running attempt still reports
+  if (!it->second.running) jobs_.erase(it);
+  changed_.notify_all();
+}
+
+bool Uploads::drain(std::chrono::milliseconds bound) {
+  const auto until = Clock::now() + bound;
+  MutexLock lock(mutex_);
+  for (;;) {
+    bool left = std::any_of(jobs_.begin(), jobs_.end(), [](auto& j) {
+      return j.second.running || j.second.wanted > j.second.sent;
+    });
+    if (!left) return true;
+    if (Clock::now() >= until) return false;
+    changed_.wait_until(lock, until);
+  }
+}
+
+void Uploads::run() {
+  MutexLock lock(mutex_);
+  while (!stopping_) {
+    auto now = Clock::now();
+    auto next = now + std::chrono::hours(1);
+    Ino start = 0;
+    for (auto& [ino, job] : jobs_) {
+      if (job.running || job.wanted <= job.sent) continue;
+      if (job.due <= now) {
+        start = ino;
+        break;
+      }
+      next = std::min(next, job.due);
+    }
+    if (!start) {
+      changed_.wait_until(lock, next);
+      continue;
+    }
+    jobs_[start].running = true;
+    lock.unlock();
+    attempt_(start, [this, start, gate = gate_](uint64_t generation, bool ok) {
+      gate->pass([&] { finished(start, generation, ok); });
+    });
+    lock.lock();
+  }
+}
+
+void Uploads::finished(Ino ino, uint64_t generation, bool ok) {
+  MutexLock lock(mutex_);
+  Job& job = jobs_[ino];
+  job.running = false;
+  if (ok) {
+    job.sent = std::max(job.sent, generation);
+    job.failures = 0;
+    job.due = {};
+  } else {
+    job.failedAt = std::max(job.failedAt, generation);
+    ++job.failures;
+    job.due = Clock::now() + pauseAfter(job.failures);
+    log("driver: upload of inode {} failed ({} in a row); trying again in {} ms", ino, job.failures,
+        pauseAfter(job.failures).count());
+  }
+  if (job.wanted <= job.sent) jobs_.erase(ino);
+  changed_.notify_all();
+}
+
+}  // namespace hvfp::driver

@@ -1,0 +1,79 @@
+// Uploads: the write-back queue. Sealed local contents are sent one upload
+// at a time per inode, newest first: an upload started while several states
+// were sealed sends only the newest. A failed upload is tried again after a
+// pause that doubles up to a minute, for as long as the mount lives.
+//
+// The attempt itself is its maker's: it sends the inode's newest sealed
+// state and calls `done` exactly once, from any thread, with the generation
+// it carried and whether the cloud took it.
+//
+// Ownership: owns its worker thread; the attempt function must outlive it.
+// An answer that comes after the queue is gone is dropped.
+// Threads: any thread may schedule and wait; attempts start on the worker;
+// `whileIdle` runs its function with no attempt running for the inode and
+// none able to start.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <thread>
+#include <unordered_map>
+
+#include "driver/Gate.h"
+#include "driver/Replica.h"
+#include "platform/ThreadAnnotations.h"
+
+namespace hvfp::driver {
+
+class Uploads {
+ public:
+  using Done = std::function<void(uint64_t generation, bool ok)>;
+  using Attempt = std::function<void(Ino ino, Done done)>;
+
+  explicit Uploads(Attempt attempt);
+  ~Uploads();
+  Uploads(const Uploads&) = delete;
+  Uploads& operator=(const Uploads&) = delete;
+
+  // `generation` of the inode is sealed and wants sending.
+  void schedule(Ino ino, uint64_t generation) EXCLUDES(mutex_);
+  // Blocks until an upload carrying `generation` or a later one reported:
+  // true when it succeeded, false when an attempt carrying it failed.
+  bool waitFor(Ino ino, uint64_t generation) EXCLUDES(mutex_);
+  // Runs `fn` with the inode's uploads at rest; `fn` is told whether one is
+  // still due, must not call back into this object, and returns true when
+  // the inode's uploads are to be forgotten.
+  void whileIdle(Ino ino, const std::function<bool(bool due)>& fn) EXCLUDES(mutex_);
+  // No more attempts for the inode.
+  void forget(Ino ino) EXCLUDES(mutex_);
+  // Waits up to `bound` for every due upload to report; true when none is
+  // left.
+  bool drain(std::chrono::milliseconds bound) EXCLUDES(mutex_);
+
+  static std::chrono::milliseconds pauseAfter(int failures);
+
+ private:
+  struct Job {
+    uint64_t wanted = 0;    // newest generation sealed
+    uint64_t sent = 0;      // newest generation the cloud took
+    uint64_t failedAt = 0;  // newest generation an attempt failed with
+    bool running = false;
+    int failures = 0;
+    std::chrono::steady_clock::time_point due{};
+  };
+
+  void run() EXCLUDES(mutex_);
+  void finished(Ino ino, uint64_t generation, bool ok) EXCLUDES(mutex_);
+
+  Attempt attempt_;
+  std::shared_ptr<Gate> gate_ = Gate::make();
+  Mutex mutex_;
+  std::condition_variable_any changed_;
+  std::unordered_map<Ino, Job> jobs_ GUARDED_BY(mutex_);
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  std::thread worker_;
+};
+
+}  // namespace hvfp::driver

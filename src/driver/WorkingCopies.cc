@@ -1,0 +1,255 @@
+#include "driver/WorkingCopies.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <vector>
+
+namespace hvfp::driver {
+namespace {
+
+// Copies the whole of `from` into `to` (both open); 0 or an errno.
+int copyAll(int from, int to) {
+  for (;;) {
+    ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, size_t{1} << 30, 0);
+    if (n == 0) return 0;
+    if (n > 0) continue;
+    if (errno == EINTR) continue;
+    if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return errno;
+    break;
+  }
+  std::vector<char> buffer(size_t{1} << 20);
+  for (;;) {
+    ssize_t n = ::read(from, buffer.data(), buffer.size());
+    if (n == 0) return 0;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    for (ssize_t done = 0; done < n;) {
+      ssize_t w = ::write(to, buffer.data() + done, size_t(n - done));
+      if (w < 0 && errno == EINTR) continue;
+      if (w < 0) return errno;
+      done += w;
+    }
+  }
+}
+
+int copyFile(const std::string& from, const std::string& to) {
+  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return errno;
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (out < 0) {
+    int e = errno;
+    ::close(in);
+    return e;
+  }
+  int e = copyAll(in, out);
+  ::close(in);
+  if (::close(out) != 0 && !e) e = errno;
+  return e;
+}
+
+}  // namespace
+
+WorkingCopies::WorkingCopies(std::string folder) : folder_(std::move(folder)) {
+  std::error_code ec;
+  std::filesystem::create_directories(folder_, ec);
+  for (auto it = std::filesystem::directory_iterator(folder_, ec);
+       !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+    ++leftovers_;
+}
+
+std::string WorkingCopies::newFile(Ino ino) {
+  return folder_ + "/" + std::to_string(::getpid()) + "-" + std::to_string(ino) + "-" +
+         std::to_string(++files_);
+}
+
+WorkingCopies::Local* WorkingCopies::idleLocal(Ino ino, MutexLock& lock) {
+  for (;;) {
+    auto it = locals_.find(ino);
+    if (it == locals_.end()) return nullptr;
+    if (!it->second.busy) return &it->second;
+    idle_.wait(lock);
+  }
+}
+
+std::optional<std::string> WorkingCopies::newest(Ino ino) {
+  MutexLock lock(mutex_);
+  auto it = locals_.find(ino);
+  if (it == locals_.end() || it->second.path.empty()) return std::nullopt;
+  return it->second.path;
+}
+
+Result<int> WorkingCopies::openWriter(Ino ino, bool truncate, bool append,
+                                      const std::function<Result<int>()>& source,
+                                      std::optional<Date> modified) {
+  const int flags = O_RDWR | O_CLOEXEC | (append ? O_APPEND : 0);
+  MutexLock lock(mutex_);
+  Local* local = idleLocal(ino, lock);
+  if (local && local->pathGeneration == 0) {
+    int fd = ::open(local->path.c_str(), flags);
+    if (fd < 0) return errnoFailure(errno);
+    if (truncate) {
+      if (::ftruncate(fd, 0) != 0) {
+        int e = errno;
+        ::close(fd);
+        return errnoFailure(e);
+      }
+      local->dirty = true;
+    }
+    ++local->writers;
+    return fd;
+  }
+  // A new working copy, from the newest sealed file or the current contents.
+  const std::string sealed = local ? local->path : std::string();
+  Local& made = locals_[ino];
+  made.busy = true;
+  const std::string path = newFile(ino);
+  lock.unlock();
+
+  int error = 0;
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) error = errno;
+  if (!error && !truncate) {
+    int from = -1;
+    if (!sealed.empty()) {
+      from = ::open(sealed.c_str(), O_RDONLY | O_CLOEXEC);
+      if (from < 0) error = errno;
+    } else if (auto opened = source(); opened) {
+      from = *opened;
+    } else {
+      error = opened.failure().code ? opened.failure().code : EIO;
+    }
+    if (from >= 0) {
+      error = copyAll(from, fd);
+      struct stat st {};
+      if (!error && !sealed.empty() && ::fstat(from, &st) == 0) {
+        struct timespec times[2] = {{0, UTIME_OMIT}, st.st_mtim};
+        ::futimens(fd, times);
+      } else if (!error && modified) {
+        struct timespec times[2] = {
+            {0, UTIME_OMIT},
+            {static_cast<time_t>(*modified),
+             static_cast<long>((*modified - static_cast<Date>(static_cast<time_t>(*modified))) *
+                               1e9)}};
+        ::futimens(fd, times);
+      }
+      ::close(from);
+    }
+  }
+  if (!error && append && ::fcntl(fd, F_SETFL, O_APPEND) != 0) error = errno;
+
+  lock.lock();
+  Local& now = locals_[ino];
+  now.busy = false;
+  idle_.notify_all();
+  if (error) {
+    if (fd >= 0) ::close(fd);
+    ::unlink(path.c_str());
+    if (now.path.empty()) locals_.erase(ino);
+    return errnoFailure(error);
+  }
+  now.path = path;
+  now.pathGeneration = 0;
+  now.writers = 1;
+  now.dirty = truncate;
+  return fd;
+}
+
+void WorkingCopies::changed(Ino ino) {
+  MutexLock lock(mutex_);
+  if (auto it = locals_.find(ino); it != locals_.end()) it->second.dirty = true;
+}
+
+std::optional<Sealed> WorkingCopies::closeWriter(Ino ino) {
+  MutexLock lock(mutex_);
+  Local* local = idleLocal(ino, lock);
+  if (!local || local->writers == 0) return std::nullopt;
+  if (--local->writers > 0) return std::nullopt;
+  if (local->dirty) {
+    uint64_t generation = ++generations_;
+    local->pathGeneration = generation;
+    local->waiting[generation] = local->path;
+    local->dirty = false;
+    return Sealed{generation, local->path};
+  }
+  // Unchanged and nothing waiting: it is the cloud's contents again.
+  if (local->waiting.empty() && local->pathGeneration == 0) {
+    ::unlink(local->path.c_str());
+    locals_.erase(ino);
+  }
+  return std::nullopt;
+}
+
+Result<std::optional<Sealed>> WorkingCopies::seal(Ino ino) {
+  MutexLock lock(mutex_);
+  Local* local = idleLocal(ino, lock);
+  if (!local) return std::optional<Sealed>();
+  if (local->dirty && local->pathGeneration == 0) {
+    // Writes made while the snapshot is taken mark it changed again.
+    local->dirty = false;
+    local->busy = true;
+    const std::string from = local->path;
+    const std::string snapshot = newFile(ino);
+    lock.unlock();
+    int error = copyFile(from, snapshot);
+    lock.lock();
+    Local& now = locals_[ino];
+    now.busy = false;
+    idle_.notify_all();
+    if (error) {
+      now.dirty = true;
+      ::unlink(snapshot.c_str());
+      return errnoFailure(error);
+    }
+    uint64_t generation = ++generations_;
+    now.waiting[generation] = snapshot;
+    return std::optional<Sealed>(Sealed{generation, snapshot});
+  }
+  if (local->waiting.empty()) return std::optional<Sealed>();
+  auto last = local->waiting.rbegin();
+  return std::optional<Sealed>(Sealed{last->first, last->second});
+}
+
+std::optional<Sealed> WorkingCopies::pending(Ino ino) {
+  MutexLock lock(mutex_);
+  auto it = locals_.find(ino);
+  if (it == locals_.end() || it->second.waiting.empty()) return std::nullopt;
+  auto last = it->second.waiting.rbegin();
+  return Sealed{last->first, last->second};
+}
+
+std::optional<std::string> WorkingCopies::uploaded(Ino ino, uint64_t generation) {
+  MutexLock lock(mutex_);
+  auto it = locals_.find(ino);
+  if (it == locals_.end()) return std::nullopt;
+  Local& local = it->second;
+  for (auto w = local.waiting.begin(); w != local.waiting.end() && w->first <= generation;) {
+    if (w->second != local.path) ::unlink(w->second.c_str());
+    w = local.waiting.erase(w);
+  }
+  if (!local.waiting.empty() || local.writers > 0 || local.dirty || local.busy) return std::nullopt;
+  std::optional<std::string> keep;
+  if (local.pathGeneration == generation)
+    keep = local.path;
+  else
+    ::unlink(local.path.c_str());
+  locals_.erase(it);
+  return keep;
+}
+
+void WorkingCopies::drop(Ino ino) {
+  MutexLock lock(mutex_);
+  Local* local = idleLocal(ino, lock);
+  if (!local) return;
+  for (auto& [generation, path] : local->waiting)
+    if (path != local->path) ::unlink(path.c_str());
+  ::unlink(local->path.c_str());
+  locals_.erase(ino);
+}
+
+}  // namespace hvfp::driver

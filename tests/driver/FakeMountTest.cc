@@ -1,0 +1,243 @@
+// The folder on a real mount, with a small in-memory cloud behind the
+// framework's calls: what cp, mv, rm and friends do in the cloud.
+#include <sys/stat.h>
+
+#include "driver/FakeCloud.h"
+#include "driver/MountFixture.h"
+
+namespace hvfp::driver::test {
+namespace {
+
+const std::string kTrash(NSFileProviderTrashContainerItemIdentifier);
+
+class FakeMount : public ::testing::Test {
+ public:
+  void SetUp() override {
+    if (auto why = fuseUnusable(); !why.empty()) GTEST_SKIP() << why;
+    root = fs::temp_directory_path() /
+           ("fake-mount-" + std::to_string(::getpid()) + "-" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(root);
+    fs::create_directories(root);
+    cloud = std::make_unique<FakeCloud>(root / "downloads");
+    docs = cloud->remoteAddMount("Docs");
+    notes = cloud->remoteAddFile(docs, "notes.md", "# Notes\n", 1700000100);
+    mount = std::make_unique<Mounted>(
+        *cloud, root, "fake-" + std::to_string(::getpid()) + "-" + std::to_string(++serial));
+    ASSERT_TRUE(mount->ok) << mount->why;
+  }
+  void TearDown() override {
+    mount.reset();
+    cloud.reset();
+    std::error_code ec;
+    fs::remove_all(root, ec);
+  }
+
+  fs::path at(const std::string& relative) { return mount->at(relative); }
+  Shell run(const std::string& command) {
+    return sh("cd " + quoted(mount->mountpoint) + " && " + command);
+  }
+  // The cloud's item at a "/"-separated path under Docs.
+  std::optional<FakeCloud::Entry> inCloud(const std::string& path) {
+    std::string parent = docs;
+    std::optional<FakeCloud::Entry> e;
+    size_t start = 0;
+    while (start <= path.size()) {
+      size_t end = std::min(path.find('/', start), path.size());
+      e = cloud->childNamed(parent, path.substr(start, end - start));
+      if (!e) return std::nullopt;
+      parent = e->id;
+      start = end + 1;
+    }
+    return e;
+  }
+  bool cloudHolds(const std::string& path, const std::string& bytes) {
+    return eventually([&] {
+      auto e = inCloud(path);
+      return e && e->contents == bytes;
+    });
+  }
+
+  static inline int serial = 0;
+  fs::path root;
+  std::unique_ptr<FakeCloud> cloud;
+  std::string docs, notes;
+  std::unique_ptr<Mounted> mount;
+};
+
+TEST_F(FakeMount, CopiesInAndOutKeepEveryByte) {
+  struct Size {
+    const char* name;
+    size_t bytes;
+  };
+  for (auto [name, bytes] : {Size{"empty", 0}, Size{"small", 1234}, Size{"large", 100u << 20}}) {
+    SCOPED_TRACE(name);
+    const std::string data = randomBytes(bytes, static_cast<unsigned>(bytes));
+    const fs::path source = root / (std::string(name) + ".src");
+    writeAll(source, data);
+    ASSERT_EQ(sh("cp " + quoted(source) + " " + quoted(at("Docs/" + std::string(name)))).rc, 0);
+    // Served from the local copy before the cloud has it, and the same after.
+    EXPECT_EQ(fs::file_size(at("Docs/" + std::string(name))), bytes);
+    ASSERT_TRUE(cloudHolds(name, data));
+    const fs::path back = root / (std::string(name) + ".back");
+    ASSERT_EQ(sh("cp " + quoted(at("Docs/" + std::string(name))) + " " + quoted(back)).rc, 0);
+    EXPECT_TRUE(readAll(back) == data);
+  }
+}
+
+TEST_F(FakeMount, ReadingServesTheCloudContentsFetchedOnceForConcurrentOpens) {
+  const std::string data = randomBytes(3 << 20, 7);
+  std::string big = cloud->remoteAddFile(docs, "big.bin", data);
+  ASSERT_TRUE(fs::exists(at("Docs/big.bin")));
+  cloud->holdFetches(true);
+  std::vector<std::thread> readers;
+  std::vector<std::string> got(4);
+  for (size_t i = 0; i < got.size(); ++i)
+    readers.emplace_back([&, i] { got[i] = readAll(at("Docs/big.bin")); });
+  ASSERT_TRUE(eventually([&] { return cloud->fetchesOf(big) >= 1; }));
+  cloud->holdFetches(false);
+  for (auto& t : readers) t.join();
+  for (auto& g : got) EXPECT_TRUE(g == data);
+  EXPECT_EQ(cloud->fetchesOf(big), 1);
+  EXPECT_EQ(readAll(at("Docs/notes.md")), "# Notes\n");
+}
+
+TEST_F(FakeMount, EditingAFileSendsItsNewContentsAsAModification) {
+  ASSERT_EQ(run("echo '- call the bank' >> Docs/notes.md").rc, 0);
+  ASSERT_TRUE(cloudHolds("notes.md", "# Notes\n- call the bank\n"));
+  auto calls = cloud->calls();
+  EXPECT_NE(std::find(calls.begin(), calls.end(), "modify " + notes + " contents"), calls.end());
+  EXPECT_EQ(inCloud("notes.md")->id, notes);  // the same item, new contents
+}
+
+TEST_F(FakeMount, FsyncReturnsOnceTheCloudHasTheContents) {
+  ASSERT_EQ(run("printf 'kept' | dd of=Docs/synced.txt conv=fsync status=none").rc, 0);
+  auto e = inCloud("synced.txt");  // no waiting: fsync waited
+  ASSERT_TRUE(e);
+  EXPECT_EQ(e->contents, "kept");
+}
+
+TEST_F(FakeMount, FailedUploadIsTriedAgainAndTheFolderShowsTheLocalContents) {
+  cloud->failUploads(1);
+  ASSERT_EQ(run("printf 'retry me' > Docs/later.txt").rc, 0);
+  EXPECT_EQ(readAll(at("Docs/later.txt")), "retry me");
+  EXPECT_EQ(fs::file_size(at("Docs/later.txt")), 8u);
+  ASSERT_TRUE(cloudHolds("later.txt", "retry me"));
+}
+
+// Each step runs a command in the mount and checks the cloud afterwards.
+TEST_F(FakeMount, TreeChangesBecomeTheFrameworksCalls) {
+  struct Step {
+    const char* command;
+    std::function<void(FakeMount&)> check;
+  };
+  std::string moved;  // the identifier of the file carried through the steps
+  const std::vector<Step> steps = {
+      {"mkdir -p Docs/a/b/c",
+       [](FakeMount& t) { ASSERT_TRUE(t.inCloud("a/b/c") && t.inCloud("a/b/c")->folder); }},
+      {"printf hi > Docs/a/b/c/f.txt",
+       [&](FakeMount& t) {
+         ASSERT_TRUE(t.cloudHolds("a/b/c/f.txt", "hi"));
+         moved = t.inCloud("a/b/c/f.txt")->id;
+       }},
+      {"mv Docs/a/b/c/f.txt Docs/a/b/c/g.txt",
+       [&](FakeMount& t) {
+         EXPECT_EQ(t.inCloud("a/b/c/g.txt")->id, moved);
+         EXPECT_EQ(t.cloud->calls().back(), "modify " + moved + " filename");
+       }},
+      {"mv Docs/a/b/c/g.txt Docs/a/",
+       [&](FakeMount& t) {
+         EXPECT_EQ(t.inCloud("a/g.txt")->id, moved);
+         EXPECT_EQ(t.cloud->calls().back(), "modify " + moved + " parent");
+       }},
+      {"mv Docs/a/g.txt Docs/a/b/h.txt",
+       [&](FakeMount& t) {
+         EXPECT_EQ(t.inCloud("a/b/h.txt")->id, moved);
+         auto calls = t.cloud->calls();
+         ASSERT_GE(calls.size(), 2u);
+         EXPECT_EQ(calls[calls.size() - 2], "modify " + moved + " filename");
+         EXPECT_EQ(calls.back(), "modify " + moved + " parent");
+       }},
+      {"rm Docs/a/b/h.txt && ls .Trash",
+       [&](FakeMount& t) {
+         EXPECT_TRUE(t.cloud->entry(moved)->trashed);
+         EXPECT_EQ(readAll(t.at(".Trash/h.txt")), "hi");
+       }},
+      {"mv .Trash/h.txt Docs/a/restored.txt",
+       [&](FakeMount& t) {
+         auto e = t.cloud->entry(moved);
+         EXPECT_FALSE(e->trashed);
+         EXPECT_EQ(t.inCloud("a/restored.txt")->id, moved);
+         EXPECT_EQ(readAll(t.at("Docs/a/restored.txt")), "hi");
+       }},
+      {"rm -r Docs/a",
+       [](FakeMount& t) {
+         EXPECT_FALSE(t.inCloud("a"));
+         EXPECT_FALSE(fs::exists(t.at("Docs/a")));
+       }},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.command);
+    Shell done = run(step.command);
+    ASSERT_EQ(done.rc, 0) << done.out;
+    step.check(*this);
+    if (HasFatalFailure()) return;
+  }
+}
+
+TEST_F(FakeMount, RefusalsAndAcceptedNoOps) {
+  struct Case {
+    const char* command;
+    int rc;
+    const char* says;  // part of the error message, "" when it succeeds
+  };
+  ASSERT_EQ(run("mkdir Docs/full && printf x > Docs/full/x && sync").rc, 0);
+  const std::vector<Case> cases = {
+      {"ln -s notes.md Docs/link", 1, "not permitted"},
+      {"ln Docs/notes.md Docs/hard", 1, "not permitted"},
+      {"rmdir Docs/full", 1, "not empty"},
+      {"mkdir newmount", 1, "not permitted"},
+      {"mv Docs Renamed", 1, "not permitted"},
+      {"chmod 600 Docs/notes.md", 0, ""},
+      {"touch -d '2001-02-03 04:05:06' Docs/notes.md", 0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    Shell done = run(c.command);
+    EXPECT_EQ(done.rc != 0, c.rc != 0) << done.out;
+    EXPECT_NE(done.out.find(c.says), std::string::npos) << done.out;
+  }
+}
+
+TEST_F(FakeMount, RenameOntoAnExistingFileTrashesItFirstAndRmInTrashDeletes) {
+  std::string old = cloud->remoteAddFile(docs, "report.txt", "old report");
+  ASSERT_EQ(run("printf 'new report' > Docs/draft.txt && mv Docs/draft.txt Docs/report.txt").rc, 0);
+  ASSERT_TRUE(cloudHolds("report.txt", "new report"));
+  EXPECT_TRUE(cloud->entry(old)->trashed);
+  EXPECT_EQ(readAll(at("Docs/report.txt")), "new report");
+  EXPECT_EQ(readAll(at(".Trash/report.txt")), "old report");
+
+  ASSERT_EQ(run("rm .Trash/report.txt").rc, 0);
+  auto calls = cloud->calls();
+  EXPECT_EQ(calls.back(), "delete " + old);
+  EXPECT_FALSE(fs::exists(at(".Trash/report.txt")));  // listed afresh, still hidden
+}
+
+TEST_F(FakeMount, ChangesFromElsewhereShowAfterTheSignalWithoutRemount) {
+  ASSERT_TRUE(fs::exists(at("Docs/notes.md")));
+  cloud->remoteAddFile(docs, "from-elsewhere.txt", "hello");
+  cloud->remoteRename(notes, "renamed.md");
+  mount->signal(docs);
+  EXPECT_TRUE(eventually(
+      [&] {
+        Shell ls = run("ls Docs");
+        return ls.out.find("from-elsewhere.txt") != std::string::npos &&
+               ls.out.find("renamed.md") != std::string::npos &&
+               ls.out.find("notes.md") == std::string::npos;
+      },
+      std::chrono::seconds(2)));
+  EXPECT_EQ(readAll(at("Docs/from-elsewhere.txt")), "hello");
+}
+
+}  // namespace
+}  // namespace hvfp::driver::test

@@ -1,0 +1,252 @@
+// `halvofp mount` end to end: the real provider against halvo-hostd with
+// its sample cloud, on free ports and a private session bus, mounted by
+// the halvofp program itself.
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <map>
+
+#include "digest/FileMD5Hash.h"
+#include "driver/MountFixture.h"
+#include "hostlink/HalvoProviderClient.h"
+#include "platform/Log.h"
+#include "records/Json.h"
+#include "records/JsonReading.h"
+#include "support/ChildProcess.h"
+#include "support/PrivateBus.h"
+
+namespace hvfp::driver::test {
+namespace {
+
+using hvfp::test::spawn;
+using hvfp::test::waitExit;
+
+bool mountedAt(const fs::path& dir) {
+  std::ifstream in("/proc/self/mountinfo");
+  for (std::string line; std::getline(in, line);)
+    if (line.find(" " + dir.string() + " ") != std::string::npos &&
+        line.find("fuse.halvofp") != std::string::npos)
+      return true;
+  return false;
+}
+
+class HostMount : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (auto why = fuseUnusable(); !why.empty()) GTEST_SKIP() << why;
+    if (!hvfp::test::PrivateBus::available()) GTEST_SKIP() << "dbus-daemon not installed";
+    bus = std::make_unique<hvfp::test::PrivateBus>();
+    ASSERT_TRUE(bus->ok()) << bus->error();
+    root = fs::temp_directory_path() /
+           ("host-mount-" + std::to_string(::getpid()) + "-" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(root);
+    fs::create_directories(root / "mnt");
+    setenv("XDG_CACHE_HOME", (root / "cache").c_str(), 1);
+    host = spawn(
+        {HALVO_HOSTD_BIN, "--root", (root / "store").string(), "--port", "0", "--upload-ports", "0",
+         "--download-port", "0", "--admin-port", "0", "--seed", "sample", "--quiet"},
+        root / "hostd.log");
+    ASSERT_GT(host, 0);
+    ASSERT_TRUE(readQueryPort()) << "halvo-hostd did not start; see " << (root / "hostd.log");
+    client.setNPort(queryPort);
+    setLogSink(LogSink::Silent);
+    mount = spawn({HALVOFP_BIN, "mount", mnt().string(), "--foreground", "--port",
+                   std::to_string(queryPort), "--domain", "hostmount"},
+                  root / "mount.log");
+    ASSERT_GT(mount, 0);
+    ASSERT_TRUE(eventually([&] { return mountedAt(mnt()); }))
+        << "not mounted; see " << (root / "mount.log");
+  }
+
+  void TearDown() override {
+    if (mount > 0) {
+      ::kill(mount, SIGTERM);
+      EXPECT_EQ(waitExit(mount, std::chrono::seconds(60)), 0) << readAll(root / "mount.log");
+      EXPECT_FALSE(mountedAt(mnt()));
+    }
+    if (host > 0) {
+      ::kill(host, SIGTERM);
+      waitExit(host);
+    }
+    bus.reset();
+    std::error_code ec;
+    fs::remove_all(root, ec);
+  }
+
+  fs::path mnt() const { return root / "mnt"; }
+  Shell run(const std::string& command) {
+    return sh("cd " + quoted(mnt()) + " && export LC_ALL=C && " + command);
+  }
+  int ctl(std::vector<std::string> args) {
+    args.insert(args.begin(), {HALVO_HOSTD_BIN, "ctl", "--root", (root / "store").string()});
+    return waitExit(spawn(args, root / "ctl.log"));
+  }
+  bool readQueryPort() {
+    return eventually([&] {
+      auto v = objectFromJSONString(readAll(root / "store" / "hostd.ports.json"));
+      if (!v || !v->find("query")) return false;
+      queryPort = readInteger(*v, "query");
+      return queryPort > 0;
+    });
+  }
+  // The host's record of the child named `name` in a folder, if any.
+  HVFileItemRef hostChild(const std::string& folder, const std::string& name) {
+    uint64_t lasttime = 0;
+    for (auto& r : client.getFiles(folder, lasttime))
+      if (r->strFileName.value_or("") == name) return r;
+    return nullptr;
+  }
+
+  std::unique_ptr<hvfp::test::PrivateBus> bus;
+  fs::path root;
+  pid_t host = -1, mount = -1;
+  int64_t queryPort = 0;
+  HalvoProviderClient client;
+};
+
+TEST_F(HostMount, ListingShowsTheCloudWithItsSizesTimesAndModes) {
+  struct Expected {
+    std::string path;
+    uintmax_t size;
+    long mtime;
+    unsigned mode;
+  };
+  const std::vector<Expected> expected = {
+      {"Docs/README.txt", 17, 1700000040, 0644},
+      {"Docs/notes.md", 42, 1700000050, 0644},
+      {"Docs/Reports/q1.txt", 32, 1700000030, 0644},
+      {"Docs/Reports/2023/annual.pdf", 100090, 1700000020, 0644},
+      {"Docs(2)/empty.txt", 0, 1700000075, 0644},
+      {"Docs(2)/Shared/plan.txt", 29, 1700000070, 0644},
+      {"Photos/clip.mov", 3145851, 1700000100, 0644},
+      {"Photos/2024/beach.jpg", 204822, 1700000080, 0644},
+      {".Trash/old-draft.txt", 28, 1700000060, 0644},
+  };
+  Shell listing = run("ls -lR --time-style=+%s . .Trash");
+  ASSERT_EQ(listing.rc, 0) << listing.out;
+  for (const auto& e : expected) {
+    SCOPED_TRACE(e.path);
+    const std::string name = fs::path(e.path).filename();
+    std::string line = std::to_string(e.size) + " " + std::to_string(e.mtime) + " " + name;
+    EXPECT_NE(listing.out.find(line), std::string::npos) << listing.out;
+    struct stat st {};
+    ASSERT_EQ(::stat((mnt() / e.path).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, e.mode);
+    EXPECT_EQ(st.st_uid, ::getuid());
+  }
+  Shell top = run("ls -a");
+  EXPECT_EQ(top.out, ".\n..\n.Trash\nDocs\nDocs(2)\nPhotos\n");
+}
+
+TEST_F(HostMount, ChangeMadeOnTheHostShowsWithoutRemount) {
+  ASSERT_EQ(run("ls Docs").out, "README.txt\nReports\nnotes.md\n");
+  ASSERT_EQ(ctl({"add-file", "--mount", "1", "--name", "fresh.txt", "--text", "hello"}), 0);
+  ASSERT_EQ(ctl({"rename", "--mount", "1", "--path", "notes.md", "--name", "notes-renamed.md"}), 0);
+  EXPECT_TRUE(eventually(
+      [&] { return run("ls Docs").out == "README.txt\nReports\nfresh.txt\nnotes-renamed.md\n"; },
+      std::chrono::seconds(2)))
+      << run("ls Docs").out;
+  EXPECT_EQ(readAll(mnt() / "Docs/fresh.txt"), "hello");
+}
+
+TEST_F(HostMount, ReadsServeTheCloudsBytes) {
+  for (const char* path :
+       {"Photos/clip.mov", "Docs/Reports/2023/annual.pdf", "Docs(2)/empty.txt"}) {
+    SCOPED_TRACE(path);
+    fs::path out = root / "out.bin";
+    ASSERT_EQ(sh("cp " + quoted(mnt() / path) + " " + quoted(out)).rc, 0);
+    fs::path relative(path);
+    std::string folder = relative.parent_path().string();
+    // The host's own hash of the file, from a listing of its folder.
+    std::string id = folder == "Photos" ? "3" : folder == "Docs(2)" ? "2" : "";
+    if (id.empty()) {
+      auto reports = hostChild("1", "Reports");
+      auto year = hostChild("1/" + reports->strUuidHash.value_or(""), "2023");
+      id = "1/" + year->strUuidHash.value_or("");
+    }
+    auto record = hostChild(id, relative.filename());
+    ASSERT_TRUE(record);
+    EXPECT_EQ(FileSHA1::FileMD5HashCreateWithPath(out.string(), 0),
+              record->strFileHash.value_or(""));
+    EXPECT_EQ(fs::file_size(out), record->ullFileSize);
+  }
+}
+
+TEST_F(HostMount, RenamesMovesTrashAndRestoreReachTheHost) {
+  struct Step {
+    const char* command;
+    const char* folder;  // where the host now has the file: a mount or a folder name in Docs
+    const char* name;
+  };
+  const std::string file = hostChild("1", "notes.md")->strUuidHash.value_or("");
+  const std::string reports = "1/" + hostChild("1", "Reports")->strUuidHash.value_or("");
+  const std::vector<Step> steps = {
+      {"mv Docs/notes.md Docs/renamed.md", "1", "renamed.md"},
+      {"mv Docs/renamed.md Docs/Reports/", "Reports", "renamed.md"},
+      {"mv Docs/Reports/renamed.md Docs/moved.md", "1", "moved.md"},
+      {"rm Docs/moved.md && test -e .Trash/moved.md", "trash", "moved.md"},
+      {"mv .Trash/moved.md Docs/Reports/back.md", "Reports", "back.md"},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.command);
+    Shell done = run(step.command);
+    ASSERT_EQ(done.rc, 0) << done.out;
+    if (std::string(step.folder) == "trash") {
+      bool trashed = false;
+      for (auto& r : client.getTrash()) trashed |= r->strUuidHash.value_or("") == file;
+      EXPECT_TRUE(trashed);
+      continue;
+    }
+    auto record = hostChild(std::string(step.folder) == "1" ? "1" : reports, step.name);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->strUuidHash.value_or(""), file);
+  }
+  EXPECT_EQ(readAll(mnt() / "Docs/Reports/back.md"),
+            "# Notes\n\n- call the bank\n- renew passport\n");
+}
+
+TEST_F(HostMount, CommandLineRefusesWhatItCannotMount) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string says;
+  };
+  fs::create_directories(root / "full");
+  writeAll(root / "full" / "x", "x");
+  const std::vector<Case> cases = {
+      {{"mount", (root / "missing").string()}, "does not exist"},
+      {{"mount", (root / "full").string(), "--port", std::to_string(queryPort)}, "is not empty"},
+      {{"mount", mnt().string(), "--port", std::to_string(queryPort)}, "is already mounted"},
+      {{"mount", (root / "empty").string(), "--port",
+        std::to_string(hvfp::test::unusedLoopbackPort())},
+       "no host answers"},
+      {{"unmount", (root / "full").string()}, "is not mounted"},
+  };
+  fs::create_directories(root / "empty");
+  for (const Case& c : cases) {
+    std::string command = HALVOFP_BIN;
+    for (auto& a : c.args) command += " " + quoted(a);
+    SCOPED_TRACE(command);
+    Shell done = sh(command);
+    EXPECT_EQ(done.rc, 1);
+    EXPECT_NE(done.out.find(c.says), std::string::npos) << done.out;
+    EXPECT_EQ(std::count(done.out.begin(), done.out.end(), '\n'), 1) << done.out;
+  }
+}
+
+TEST_F(HostMount, BackgroundMountDetachesAndUnmountEndsIt) {
+  fs::path other = root / "other";
+  fs::create_directories(other);
+  Shell started = sh(std::string(HALVOFP_BIN) + " mount " + quoted(other) + " --port " +
+                     std::to_string(queryPort) + " --domain background");
+  ASSERT_EQ(started.rc, 0) << started.out;
+  EXPECT_TRUE(mountedAt(other));  // mounted before the command returned
+  EXPECT_EQ(readAll(other / "Docs/README.txt"), "Welcome to Docs.\n");
+  Shell stopped = sh(std::string(HALVOFP_BIN) + " unmount " + quoted(other));
+  EXPECT_EQ(stopped.rc, 0) << stopped.out;
+  EXPECT_FALSE(mountedAt(other));
+}
+
+}  // namespace
+}  // namespace hvfp::driver::test
