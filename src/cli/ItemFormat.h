@@ -22,5 +22,8 @@ void printDetails(std::ostream& out, NSFileProviderItem& item);
 std::string humanSize(uint64_t bytes);
 // Seconds since 1970 as "2023-11-14 22:13:20" (UTC).
 std::string shortDate(double seconds);
+// A text from the host made safe for a terminal: every control character,
+// C0, DEL or C1 (as its UTF-8 bytes), becomes "?".
+std::string printable(std::string text);
 
 }  // namespace hvfp::cli
