@@ -360,6 +360,8 @@ TEST_F(Download, EachAnswerOfHostAndServerEndsInOneReport) {
             info(goodHash, 3000, {content.url("/short/3000/1000")}), 5120, {"/short/3000/1000"}),
       fails("a body short of the declared size", info("abc", 4000, {bytes}), 5120,
             {"/bytes/3000/1"}),
+      fails("a body longer than the declared size", info("abc", 2000, {bytes}), 5120,
+            {"/bytes/3000/1"}),
       fails("bytes of another digest", info(sha1HexDigest(body(3000, 2)), 3000, {bytes}), 5120,
             {"/bytes/3000/1"}),
       fails("a hash climbing out of the folder", info("../x", 3000, {bytes}), 5120),
