@@ -24,7 +24,7 @@
 namespace hvfp::test {
 
 // The contents of item 5/h1 on the content server, and their digest.
-inline const std::string kContents = "the item's contents, 41 bytes long......";
+inline const std::string kContents = "the item's contents, 40 bytes long......";
 inline const std::string kContentsHash = sha1HexDigest(kContents);
 
 class HostileHost {
@@ -152,6 +152,19 @@ inline ScriptedReply endlessListing() {
         }
         return out;
       });
+}
+
+// Bytes a terminal would act on: C0 controls but the line break, DEL, and
+// C1 controls as UTF-8.
+inline bool hasTerminalControls(const std::string& text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if ((c < 0x20 && c != '\n') || c == 0x7f) return true;
+    if (c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+        static_cast<unsigned char>(text[i + 1]) <= 0x9F)
+      return true;
+  }
+  return false;
 }
 
 }  // namespace hvfp::test
