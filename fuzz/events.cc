@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "hostlink/HalvoProviderClient.h"
@@ -17,6 +18,7 @@
 namespace {
 
 hvfp::HalvoProviderClient* gClient = nullptr;
+std::string gCacheDir;
 std::optional<hvfp::HostEvent> gLast;
 
 // A JSON object whose "type" reads as the number 1.
@@ -42,6 +44,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // A cache folder of its own and no session bus: events come only from here.
   char dir[] = "/tmp/hvfp-fuzz-events-XXXXXX";
   if (!::mkdtemp(dir)) std::abort();
+  gCacheDir = dir;
+  std::atexit([] {
+    std::error_code ignored;
+    std::filesystem::remove_all(gCacheDir, ignored);
+  });
   ::setenv("XDG_CACHE_HOME", dir, 1);
   ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
   hvfp::setLogSink(hvfp::LogSink::Silent);
