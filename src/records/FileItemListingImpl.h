@@ -18,19 +18,37 @@ namespace od = simdjson::ondemand;
 using simdjson::error_code;
 using simdjson::SUCCESS;
 
-// Well under the parser's own limit (1024), which its streaming API only asserts.
-constexpr int kMaxDepth = 256;
+// Entries sit three containers deep: the reply, "list", the entry.
+static_assert(kMaxJsonDepth > 3);
 constexpr size_t kReuseLimit = size_t{1} << 20;
 constexpr size_t kCacheLimit = size_t{64} << 20;
 
+bool isSpace(char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+
+// A raw token runs up to the next structural character, white space included.
+std::string_view trimmed(std::string_view token) {
+  while (!token.empty() && isSpace(token.back())) token.remove_suffix(1);
+  return token;
+}
+
+// A number the parser cannot hold (past 64 bits) but that is valid JSON
+// reads as a value of the wrong kind; anything else it refuses stays an error.
+error_code bigNumber(od::value& v, error_code e, JsonScalar& out) {
+  if (e != simdjson::NUMBER_ERROR || !isJsonNumberText(trimmed(v.raw_json_token()))) return e;
+  out = JsonScalar{};
+  out.kind = JsonScalar::Kind::BigNumber;
+  return SUCCESS;
+}
+
 // Reads and checks a value nobody asked for, so that invalid JSON anywhere in
-// the reply is caught as the platform parser would catch it.
+// the reply is caught as the tree parser would catch it. `depth`: containers
+// around `v`, the reply itself being 1.
 error_code consume(od::value v, int depth) {
-  if (depth > kMaxDepth) return simdjson::DEPTH_ERROR;
   od::json_type type;
   if (auto e = v.type().get(type)) return e;
   switch (type) {
     case od::json_type::array: {
+      if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
       od::array a;
       if (auto e = v.get_array().get(a)) return e;
       for (auto element : a) {
@@ -41,6 +59,7 @@ error_code consume(od::value v, int depth) {
       return SUCCESS;
     }
     case od::json_type::object: {
+      if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
       od::object o;
       if (auto e = v.get_object().get(o)) return e;
       for (auto field : o) {
@@ -54,7 +73,9 @@ error_code consume(od::value v, int depth) {
     }
     case od::json_type::number: {
       od::number n;
-      return v.get_number().get(n);
+      JsonScalar ignored;
+      if (auto e = v.get_number().get(n)) return bigNumber(v, e, ignored);
+      return SUCCESS;
     }
     case od::json_type::string: {
       std::string_view s;
@@ -115,7 +136,7 @@ error_code readScalar(od::value v, JsonScalar& out, int depth) {
   switch (type) {
     case od::json_type::number: {
       od::number n;
-      if (auto e = v.get_number().get(n)) return e;
+      if (auto e = v.get_number().get(n)) return bigNumber(v, e, out);
       switch (n.get_number_type()) {
         case od::number_type::signed_integer:
           out.kind = JsonScalar::Kind::Int;
@@ -143,6 +164,7 @@ error_code readScalar(od::value v, JsonScalar& out, int depth) {
   }
 }
 
+// An entry of "list", three containers deep.
 error_code readEntry(od::value v, HVFileItem& record) {
   od::json_type type;
   if (auto e = v.type().get(type)) return e;

@@ -115,5 +115,27 @@ TEST(RecordsReplies, StatusWordsAtThirtyTwoBits) {
   EXPECT_EQ(ret->strCookie, "");
 }
 
+// A number past 64 bits in an integer field reads as an absent key, at 64
+// and at 32 bits; the rest of the reply still counts.
+TEST(RecordsReplies, NumbersPastSixtyFourBitsReadAsAbsent) {
+  for (std::string big : {"123456789012345678901234", "18446744073709551616",
+                          "-9223372036854775809", "1e400", "-1E+999"}) {
+    SCOPED_TRACE(big);
+    auto open = make<RetOpen>(R"({"status_code":200,"filehash":"f","filesize":)" + big +
+                              R"(,"dateline":)" + big + R"(,"lock":)" + big + R"(,"hash":)" + big +
+                              R"(,"uris":["u",)" + big + "]}");
+    EXPECT_EQ(open->nStatusCode, 200);
+    EXPECT_EQ(open->strFileHash, "f");
+    EXPECT_EQ(open->ullFileSize, 0u);
+    EXPECT_EQ(open->ullDateline, 0u);
+    EXPECT_EQ(open->nLock, 0);
+    EXPECT_EQ(open->strUuidHash, std::nullopt);
+    EXPECT_EQ(open->urlArray, (std::vector<std::string>{"u", ""}));
+    auto init = make<RetUploadInit>(R"({"piecelen":)" + big + R"(,"session":"s"})");
+    EXPECT_EQ(init->piecelen, 0);
+    EXPECT_EQ(init->session, "s");
+  }
+}
+
 }  // namespace
 }  // namespace hvfp
