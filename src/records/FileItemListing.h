@@ -32,4 +32,10 @@ struct FileItemListing {
 // std::nullopt when the text is not a valid JSON object.
 std::optional<FileItemListing> readFileItemListing(std::string text);
 
+// The reader is built once per instruction set. The copies this CPU can run,
+// widest first; readFileItemListing uses the first. Lets the tests hold every
+// copy to the same results, not only the one this machine would pick.
+using FileItemListingReader = std::optional<FileItemListing> (*)(std::string text);
+std::vector<FileItemListingReader> fileItemListingReaders();
+
 }  // namespace hvfp

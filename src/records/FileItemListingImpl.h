@@ -1,6 +1,13 @@
 // The listing reader's body, compiled once per instruction set (see
 // FileItemListing.cc): simdjson picks its streaming parser's implementation
 // from the compiler's target flags. Include only with HVFP_LISTING_NS set.
+//
+// Code built for a wider instruction set must never run on a CPU that lacks
+// it. Everything here is in a namespace of its own instruction set, and the
+// including file is compiled with -fwhole-program (GCC): every function it
+// holds, the inline library code it instantiates included, gets internal
+// linkage, so the linker cannot hand one copy to another file. Only the
+// entry point below is exported (scripts/check-isa.sh checks both).
 #include <simdjson.h>
 
 #include <cstring>
@@ -10,6 +17,12 @@
 #include "platform/http/ReplyBuffers.h"
 #include "records/FileItemListing.h"
 #include "records/FileItemSlots.h"
+
+#if defined(__GNUC__) && !defined(__clang__)
+#define HVFP_LISTING_ENTRY __attribute__((externally_visible))
+#else
+#define HVFP_LISTING_ENTRY
+#endif
 
 namespace hvfp::HVFP_LISTING_NS {
 namespace {
@@ -323,7 +336,7 @@ error_code readWithParser(ListingBlock& block, uint64_t& lasttime) {
 
 }  // namespace
 
-std::optional<FileItemListing> readFileItemListing(std::string text) {
+HVFP_LISTING_ENTRY std::optional<FileItemListing> readFileItemListing(std::string text) {
   auto block = std::make_shared<ListingBlock>();
   block->text = std::move(text);
   FileItemListing out;
