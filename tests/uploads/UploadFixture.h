@@ -1,5 +1,5 @@
 // Shared by the upload tests: a scripted host (replies by query type), an
-// upload server of our own (PieceServer), a client on a private temporary
+// upload server of our own (ContentServer), a client on a private temporary
 // directory, and what the framework's handler received.
 #pragma once
 
@@ -16,9 +16,9 @@
 #include "hostlink/HalvoProviderClient.h"
 #include "hostlink/NSStringExpand.h"
 #include "platform/Log.h"
+#include "support/ContentServer.h"
 #include "support/LoopbackServer.h"
 #include "tasks/UploadTask.h"
-#include "uploads/PieceServer.h"
 
 namespace hvfp::test {
 
@@ -28,12 +28,6 @@ using Lines = std::vector<std::string>;
 
 // Hang guard only: every wait normally ends in milliseconds.
 constexpr auto kPatience = 60s;
-
-inline std::string bytes(size_t size, unsigned seed = 1) {
-  std::string out(size, '\0');
-  for (size_t i = 0; i < size; ++i) out[i] = static_cast<char>((i * 131 + i / 977 + seed) & 0xff);
-  return out;
-}
 
 inline void writeFile(const fs::path& path, const std::string& data) {
   std::ofstream(path, std::ios::binary) << data;
@@ -205,7 +199,7 @@ class UploadTest : public ::testing::Test {
 
   fs::path dir;
   ScriptedHost host;
-  PieceServer pieces;
+  ContentServer pieces;
   HalvoProviderClient client;
   std::shared_ptr<Progress> progress;
   std::mutex reportMutex;
