@@ -34,26 +34,24 @@ namespace hvfp::test {
 // The bytes of /bytes/N/S: byte i depends on i and the seed.
 std::string contentBytes(size_t size, unsigned seed = 0);
 
+// How a PUT is answered:
+//   accept     reads the body, keeps its bytes at their x-tb-upload-range,
+//              answers 200
+//   late       reads the body and answers: a reply without transport error
+//   failing    reads the body, answers with a body shorter than announced
+//              and hangs up: the client's transfer fails, carrying the reply
+//   hold       reads nothing more and waits for the client to give up
+//   early      answers from the head alone and closes, the body unread;
+//              lingering, it shuts its side and drains the body first
 struct PieceReply {
   enum class Kind { Accept, Late, Failing, Hold, Early, EarlyLinger } kind = Kind::Accept;
   int status = 200;
   std::string body;
 
-  // Reads the body, keeps its bytes at their x-tb-upload-range, answers 200.
   static PieceReply accept() { return {}; }
-  // Reads the body and answers `status`: a reply without transport error.
-  static PieceReply late(int status, std::string body) {
-    return {Kind::Late, status, std::move(body)};
-  }
-  // Reads the body, answers `status` with a body shorter than announced and
-  // hangs up: the client's transfer fails, carrying the reply.
-  static PieceReply failing(int status, std::string body) {
-    return {Kind::Failing, status, std::move(body)};
-  }
-  // Reads nothing more and waits for the client to give up.
+  static PieceReply late(int status, std::string body) { return {Kind::Late, status, body}; }
+  static PieceReply failing(int status, std::string body) { return {Kind::Failing, status, body}; }
   static PieceReply hold() { return {Kind::Hold, 0, ""}; }
-  // Answers from the head alone and closes, the body unread; lingering, it
-  // shuts its side and drains the body before closing.
   static PieceReply early(int status, std::string body, bool linger) {
     return {linger ? Kind::EarlyLinger : Kind::Early, status, std::move(body)};
   }

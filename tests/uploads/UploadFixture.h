@@ -122,7 +122,10 @@ class UploadTest : public ::testing::Test {
     client.setNPort(host.server.port());
     client.setStrTempPath((dir / "tmp").string());
     setLogSink(LogSink::Capture);
-    uploadToServer();
+    // By default a file goes up to `pieces` in session s1 from offset 0.
+    host.setDefault("create", ScriptedReply(200, createReply({pieces.url()})));
+    host.setDefault("uploadinit", ScriptedReply(200, R"({"status_code":200,"session":"s1"})"));
+    host.setDefault("uploadreq", ScriptedReply(200, R"({"status_code":200,"offset":0})"));
   }
   void TearDown() override {
     setLogSink(LogSink::Stderr);
@@ -144,14 +147,6 @@ class UploadTest : public ::testing::Test {
            "\",\"storage_point\":\"sp\",\"uploads\":" + list(servers) +
            ",\"cache_uploads\":" + list(cacheServers) + "}";
   }
-  void useFileReply(int state, const std::string& hash) {
-    host.setDefault("create", ScriptedReply(200, createReply({pieces.url()}, {}, hash, state)));
-    if (state == 1) return;
-    host.setDefault("uploadinit", ScriptedReply(200, R"({"status_code":200,"session":"s1"})"));
-    host.setDefault("uploadreq", ScriptedReply(200, R"({"status_code":200,"offset":0})"));
-  }
-  void uploadToServer() { useFileReply(0, "h1"); }
-
   // A file task for `data` named a.bin under mount root 12.
   std::shared_ptr<UploadTask> fileTask(const std::string& data, uint64_t fields = 1,
                                        std::optional<uint64_t> declared = std::nullopt) {
@@ -165,7 +160,8 @@ class UploadTest : public ::testing::Test {
                                    std::optional<std::string> path, uint64_t fields = 1) {
     auto t = std::make_shared<UploadTask>(client, id, parent, size, 100, 200, dir, name,
                                           std::move(path), fields);
-    t->timing = fast();
+    t->timing.stepPause = t->timing.closePause = t->timing.firstTurnPause =
+        t->timing.lastTurnPause = 1ms;
     progress = Progress::make();
     t->setMProgress(progress);
     t->setCreateHandler(
@@ -176,11 +172,6 @@ class UploadTest : public ::testing::Test {
           report.pending = pending;
           report.error = std::move(error);
         });
-    return t;
-  }
-  static UploadTask::Timing fast() {
-    UploadTask::Timing t;
-    t.stepPause = t.closePause = t.firstTurnPause = t.lastTurnPause = 1ms;
     return t;
   }
   Report taken() {
