@@ -31,7 +31,9 @@ void cancelOnInterrupt() {
 int main(int argc, char** argv) {
   CLI::App app{
       "halvofp - the Halvo cloud drive as a file-provider domain.\n"
-      "Talks to the host app (halvo-hostd) on 127.0.0.1; each command makes one framework call.",
+      "Talks to the host app (halvo-hostd) on 127.0.0.1; each command makes one framework call\n"
+      "(a fetch or change first looks up the item or folder it names). Ctrl-C cancels a running "
+      "call.",
       "halvofp"};
   app.require_subcommand(1);
   // "halvofp stat ID --json" works as well as "halvofp --json stat ID".

@@ -275,7 +275,7 @@ TEST_F(IntegrationConsole, CtrlCDuringPutAbandonsTheUploadSession) {
   ::kill(put, SIGINT);
   EXPECT_EQ(test::waitExit(put, std::chrono::seconds(60)), 130);
   const std::string said = readFileText(root / "put.err");
-  EXPECT_EQ(said.substr(said.rfind("halvofp:")), "halvofp: put big.bin: cancelled\n") << said;
+  EXPECT_NE(said.find("halvofp: put big.bin: cancelled\n"), std::string::npos) << said;
   // The console ends only after the session was abandoned.
   EXPECT_EQ(hostLines("type=uploadabort "), 1u) << readFileText(root / "hostd.log");
   ASSERT_EQ(ctl({"clear-faults"}), 0);
