@@ -172,6 +172,10 @@ int Console::get(const std::string& identifier, const std::optional<std::string>
   const std::string what = "get " + identifier;
   auto item = lookUp(what, identifier);
   if (!item) return Exit::Failed;
+  if (item->contentType() == ContentType::folder()) {
+    err_ << "halvofp: " << what << ": a folder has no contents to fetch\n";
+    return Exit::BadInput;
+  }
   const std::string name = item->filename().value_or("");
   std::error_code ec;
   fs::path target = dest.value_or("");

@@ -204,6 +204,7 @@ TEST_F(CliUsage, EachCommandsCallAndWhatItsFailureReadsLike) {
        "(NSCocoaErrorDomain 5120)\n",
        {"create"}},
       {{"mkdir", "3/h", "New"}, {}, 1, "", "halvofp: mkdir New: 3/h is not a folder\n", {}},
+      {{"get", "3/d"}, {}, 2, "", "halvofp: get 3/d: a folder has no contents to fetch\n", {}},
       {{"update", "3/d", small},
        {},
        2,
