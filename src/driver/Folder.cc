@@ -185,8 +185,12 @@ void Folder::setTime(Ino ino, const NodeInfo& info, Date modified) {
   auto path = working_.newest(ino);
   if (!path) return;
   ::utimensat(AT_FDCWD, path->c_str(), times, 0);
-  // An upload that already left carried the old time.
-  if (auto again = working_.touched(ino)) uploads_.schedule(ino, again->generation);
+  // A sealed state goes again (an upload that left carried the old time);
+  // a working copy open for writing is sealed with it at its last close.
+  if (auto again = working_.touched(ino))
+    uploads_.schedule(ino, again->generation);
+  else
+    working_.changed(ino);
   (void)persist(ino);
 }
 
