@@ -2,6 +2,7 @@
 // framework's calls: what cp, mv, rm and friends do in the cloud.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <regex>
 
@@ -202,6 +203,7 @@ TEST_F(FakeMount, RefusalsAndAcceptedNoOps) {
       {"mkdir newmount", 1, "not permitted"},
       {"mv Docs Renamed", 1, "not permitted"},
       {"chmod 600 Docs/notes.md", 0, ""},
+      {"chown \"$(id -u):$(id -g)\" Docs/notes.md", 0, ""},
       {"touch -d '2001-02-03 04:05:06' Docs/notes.md", 0, ""},
   };
   for (const Case& c : cases) {
@@ -210,6 +212,13 @@ TEST_F(FakeMount, RefusalsAndAcceptedNoOps) {
     EXPECT_EQ(done.rc != 0, c.rc != 0) << done.out;
     EXPECT_NE(done.out.find(c.says), std::string::npos) << done.out;
   }
+  // The room there is, is the cache's.
+  struct statvfs here {
+  }, cache{};
+  ASSERT_EQ(::statvfs(mount->mountpoint.c_str(), &here), 0);
+  ASSERT_EQ(::statvfs(mount->cache.c_str(), &cache), 0);
+  EXPECT_EQ(here.f_blocks, cache.f_blocks);
+  EXPECT_EQ(here.f_bsize, cache.f_bsize);
 }
 
 TEST_F(FakeMount, RenameOntoAnExistingFileTrashesItFirstAndRmInTrashDeletes) {
