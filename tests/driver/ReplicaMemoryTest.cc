@@ -58,9 +58,9 @@ class CountingInvalidator final : public Invalidator {
 };
 
 TEST(ReplicaMemory, HundredThousandEntryFolderCostsAtMostFiveTimesItsListing) {
-  const std::string dir =
-      (std::filesystem::temp_directory_path() / ("replica-memory-" + std::to_string(::getpid())))
-          .string();
+  const std::string dir = (std::filesystem::temp_directory_path() /
+                           ("replica-memory-" + std::to_string(::getpid())))
+                              .string();
   setenv("XDG_CACHE_HOME", dir.c_str(), 1);
   setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + dir + "/no-bus").c_str(), 1);
   setLogSink(LogSink::Silent);
