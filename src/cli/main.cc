@@ -111,7 +111,7 @@ int main(int argc, char** argv) {
   update->add_option("FILE", file, "a local file")->required();
 
   hvfp::cli::MountOptions mountOptions;
-  std::string cacheSize = "2G";
+  std::string cacheSize;
   int64_t mountPort = 0;
   auto* mount = app.add_subcommand(
       "mount",
@@ -124,9 +124,10 @@ int main(int argc, char** argv) {
                   "detach once mounted and log to syslog)");
   mount
       ->add_option("--cache-size", cacheSize,
-                   "room for local copies of contents, e.g. 512M or 10G; the least recently used "
-                   "go first")
-      ->capture_default_str()
+                   "room for local copies of downloaded contents, e.g. 512M or 10G (default: the "
+                   "smaller of 10G and a quarter of the cache's file system); the least recently "
+                   "used that no open file holds go first. Contents waiting for upload are kept "
+                   "whatever their size")
       ->check([](const std::string& text) {
         return hvfp::cli::parseSize(text) ? std::string() : "a size like 512M or 10G";
       });
@@ -152,7 +153,7 @@ int main(int argc, char** argv) {
 
   // Before anything starts a thread: mount may detach into the background.
   if (*mount) {
-    mountOptions.cacheSize = *hvfp::cli::parseSize(cacheSize);
+    if (!cacheSize.empty()) mountOptions.cacheSize = hvfp::cli::parseSize(cacheSize);
     if (mount->get_option("--port")->count() > 0)
       mountOptions.port = mountPort;
     else
