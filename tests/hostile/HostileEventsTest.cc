@@ -76,7 +76,7 @@ TEST(HostileEvents, ForgedEventsSignalOnlyWhatTheyNameAndPrintSafely) {
   setLogSink(LogSink::Silent);
   HostileHost host;
   const std::string contentUrl = host.contentUrl();
-  host.set([contentUrl](const std::string& type) { return wellFormed(type, contentUrl); },
+  host.set([contentUrl](const std::string& query) { return wellFormed(query, contentUrl); },
            std::nullopt);
   const auto before = sandbox.snapshot();
 
@@ -191,7 +191,7 @@ TEST(HostileEvents, ForgedEventsSignalOnlyWhatTheyNameAndPrintSafely) {
   EXPECT_NE(printed.find("signalled 5/?[2J?31m??\n"), std::string::npos);
   EXPECT_NE(printed.find("event (null)\n"), std::string::npos) << "a signal without a text";
   EXPECT_EQ(err.str().find("no answer"), std::string::npos) << err.str();
-  EXPECT_EQ(Sandbox::changesOutside(before, sandbox.snapshot(), "cache/halvofp/"),
+  EXPECT_EQ(Sandbox::changesOutside(before, sandbox.snapshot(), {"cache/halvofp/"}),
             std::vector<std::string>{});
   setLogSink(LogSink::Stderr);
 }

@@ -29,7 +29,8 @@ inline const std::string kContentsHash = sha1HexDigest(kContents);
 
 class HostileHost {
  public:
-  using Answer = std::function<ScriptedReply(const std::string& type)>;
+  // The answer to one host query, by its query text ("type=fileinfo&...").
+  using Answer = std::function<ScriptedReply(const std::string& query)>;
 
   HostileHost() {
     server.setHandler([this](const RecordedRequest& r) { return answer(r); });
@@ -47,15 +48,9 @@ class HostileHost {
   LoopbackServer server;
 
  private:
-  static std::string typeOf(const std::string& query) {
-    size_t at = query.find("type=");
-    if (at == std::string::npos) return {};
-    size_t end = query.find('&', at);
-    return query.substr(at + 5, end == std::string::npos ? std::string::npos : end - at - 5);
-  }
   ScriptedReply answer(const RecordedRequest& r) {
     std::lock_guard lock(mutex_);
-    if (r.path == "/provider" && host_) return host_(typeOf(r.query));
+    if (r.path == "/provider" && host_) return host_(r.query);
     if (contents_) return *contents_;
     ScriptedReply good(200, kContents);
     good.contentType = "application/octet-stream";
@@ -75,10 +70,23 @@ inline std::string fileRecord(const std::string& hash = "h1", const std::string&
          std::to_string(kContents.size()) + R"(,"status":0,"lasttime":1700000000})";
 }
 
-// What a well-behaved host answers to each query type: records of 5/h1,
-// listings of two files, download information naming the content server,
-// a creation that the cloud already holds as 5/h2, accepted mutations.
-inline ScriptedReply wellFormed(const std::string& type, const std::string& contentUrl) {
+// The value of "type" in a query text.
+inline std::string typeOf(const std::string& query) {
+  size_t at = query.find("type=");
+  if (at == std::string::npos) return {};
+  size_t end = query.find('&', at);
+  return query.substr(at + 5, end == std::string::npos ? std::string::npos : end - at - 5);
+}
+
+// What a well-behaved host answers to each query: the records of folder
+// 5/d and of file 5/h1 in it, listings of two files, download information
+// naming the content server, a creation that the cloud already holds as
+// 5/h2, accepted mutations.
+inline ScriptedReply wellFormed(const std::string& query, const std::string& contentUrl) {
+  const std::string type = typeOf(query);
+  if (type == "fileinfo" && query.find("uuidhash=d&") != std::string::npos)
+    return {200, R"({"status_code":200,"filename":"d","mount_id":5,"uuidhash":"d","up_hash":"",)"
+                 R"("webpath":"d","dir":1,"status":0})"};
   if (type == "fileinfo") return {200, fileRecord()};
   if (type == "files" || type == "changefiles" || type == "trash" || type == "links")
     return {200, R"({"list":[)" + fileRecord() + "," + fileRecord("h2", "b.txt") +

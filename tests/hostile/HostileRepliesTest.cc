@@ -58,15 +58,28 @@ enum class Call {
   Delete,
   ConsoleLs,
   ConsoleStat,
+  ConsoleGet,
+  ConsolePut,
+  ConsoleMkdir,
+  ConsoleRename,
+  ConsoleMove,
+  ConsoleTrash,
+  ConsoleRestore,
+  ConsoleTouch,
+  ConsoleForget,
+  ConsoleUpdate,
 };
 
 const char* nameOf(Call call) {
-  static constexpr const char* kNames[] = {"lookup",     "list folder",    "list mounts",
-                                           "list trash", "folder changes", "working-set changes",
-                                           "fetch",      "create file",    "create folder",
-                                           "rename",     "move",           "trash",
-                                           "restore",    "touch",          "delete",
-                                           "console ls", "console stat"};
+  static constexpr const char* kNames[] = {"lookup",        "list folder",    "list mounts",
+                                           "list trash",    "folder changes", "working-set changes",
+                                           "fetch",         "create file",    "create folder",
+                                           "rename",        "move",           "trash",
+                                           "restore",       "touch",          "delete",
+                                           "console ls",    "console stat",   "console get",
+                                           "console put",   "console mkdir",  "console rename",
+                                           "console move",  "console trash",  "console restore",
+                                           "console touch", "console forget", "console update"};
   return kNames[static_cast<size_t>(call)];
 }
 
@@ -113,12 +126,33 @@ const Outcomes kUnusable = {
     {Call::Delete, "done"},
     {Call::ConsoleLs, "exit 0, 1 lines"},
     {Call::ConsoleStat, "exit 1, no item"},
+    // The console's change commands look the item (or the parent) up first.
+    {Call::ConsoleGet, "exit 1, error 4610"},
+    {Call::ConsolePut, "exit 1, error 4610"},
+    {Call::ConsoleMkdir, "exit 1, error 4610"},
+    {Call::ConsoleRename, "exit 1, error 4610"},
+    {Call::ConsoleMove, "exit 1, error 4610"},
+    {Call::ConsoleTrash, "exit 1, error 4610"},
+    {Call::ConsoleRestore, "exit 1, error 4610"},
+    {Call::ConsoleTouch, "exit 1, error 4610"},
+    {Call::ConsoleForget, "exit 1, error 4610"},
+    {Call::ConsoleUpdate, "exit 1, error 4610"},
 };
 
 // No reply came at all (or one over its limit): the same for the framework,
 // but the console says the host did not answer.
-const Outcomes kNoAnswer = with(
-    kUnusable, {{Call::ConsoleLs, "exit 1, no answer"}, {Call::ConsoleStat, "exit 1, no answer"}});
+const Outcomes kNoAnswer = with(kUnusable, {{Call::ConsoleLs, "exit 1, no answer"},
+                                            {Call::ConsoleStat, "exit 1, no answer"},
+                                            {Call::ConsoleGet, "exit 1, no answer"},
+                                            {Call::ConsolePut, "exit 1, no answer"},
+                                            {Call::ConsoleMkdir, "exit 1, no answer"},
+                                            {Call::ConsoleRename, "exit 1, no answer"},
+                                            {Call::ConsoleMove, "exit 1, no answer"},
+                                            {Call::ConsoleTrash, "exit 1, no answer"},
+                                            {Call::ConsoleRestore, "exit 1, no answer"},
+                                            {Call::ConsoleTouch, "exit 1, no answer"},
+                                            {Call::ConsoleForget, "exit 1, no answer"},
+                                            {Call::ConsoleUpdate, "exit 1, no answer"}});
 
 // Which replies the provider must leave unread past their limit.
 enum class Abandons { Nothing, EveryHostReply, TheContents };
@@ -336,6 +370,39 @@ class HostileHostTest : public ::testing::Test {
         return console([](cli::Console& c) { return c.ls("5/d"); }, answers, consoleOutput);
       case Call::ConsoleStat:
         return console([](cli::Console& c) { return c.stat("5/h1"); }, answers, consoleOutput);
+      case Call::ConsoleGet:
+        return console([](cli::Console& c) { return c.get("5/h1", std::nullopt); }, answers,
+                       consoleOutput);
+      case Call::ConsolePut:
+        return console(
+            [this](cli::Console& c) {
+              return c.put(sandbox.path("files/new.txt").string(), "5/d", std::nullopt);
+            },
+            answers, consoleOutput);
+      case Call::ConsoleMkdir:
+        return console([](cli::Console& c) { return c.mkdir("5/d", "New"); }, answers,
+                       consoleOutput);
+      case Call::ConsoleRename:
+        return console([](cli::Console& c) { return c.rename("5/h1", "b.txt"); }, answers,
+                       consoleOutput);
+      case Call::ConsoleMove:
+        return console([](cli::Console& c) { return c.move("5/h1", "5/e"); }, answers,
+                       consoleOutput);
+      case Call::ConsoleTrash:
+        return console([](cli::Console& c) { return c.trash("5/h1"); }, answers, consoleOutput);
+      case Call::ConsoleRestore:
+        return console([](cli::Console& c) { return c.restore("5/h1", std::nullopt); }, answers,
+                       consoleOutput);
+      case Call::ConsoleTouch:
+        return console([](cli::Console& c) { return c.touch("5/h1"); }, answers, consoleOutput);
+      case Call::ConsoleForget:
+        return console([](cli::Console& c) { return c.forget("5/h1"); }, answers, consoleOutput);
+      case Call::ConsoleUpdate:
+        return console(
+            [this](cli::Console& c) {
+              return c.update("5/h1", sandbox.path("files/new.txt").string());
+            },
+            answers, consoleOutput);
     }
     return "(unknown call)";
   }
@@ -372,9 +439,16 @@ class HostileHostTest : public ::testing::Test {
     }
     output = out.str() + err.str();
     answers.add("exit");
-    std::string line = "exit " + std::to_string(status);
-    if (err.str().find("no answer from the host") != std::string::npos) return line + ", no answer";
-    if (err.str().find("knows no item") != std::string::npos) return line + ", no item";
+    // What the console told: no answer, the error the framework got, or
+    // how many lines of results.
+    const std::string said = err.str(), line = "exit " + std::to_string(status);
+    if (said.find("no answer from the host") != std::string::npos) return line + ", no answer";
+    if (said.find("knows no item") != std::string::npos) return line + ", no item";
+    if (said.find("is no file name here") != std::string::npos) return line + ", no file name";
+    if (said.find("is not a folder") != std::string::npos) return line + ", not a folder";
+    if (said.find("not in the trash") != std::string::npos) return line + ", not in the trash";
+    if (auto at = said.find("(NSCocoaErrorDomain "); at != std::string::npos)
+      return line + ", error " + said.substr(at + 20, said.find(')', at) - at - 20);
     return line + ", " + std::to_string(lineCount(out.str())) + " lines";
   }
 
@@ -409,6 +483,8 @@ class HostileHostTest : public ::testing::Test {
   }
   void clearTemporaryFiles() {
     std::error_code ec;
+    for (const auto& e : fs::directory_iterator(sandbox.path("cwd"), ec))
+      fs::remove_all(e.path(), ec);
     for (const char* domain : {"hostile", "halvo"})
       for (const auto& e :
            fs::directory_iterator(sandbox.path("cache/halvofp") / domain / "tmp", ec))
@@ -446,9 +522,13 @@ class HostileHostTest : public ::testing::Test {
     ASSERT_TRUE(waitForNoTransferFiles()) << "a download file outlived its transfer";
     for (const auto& name : temporaryFiles())
       EXPECT_EQ(name, kContentsHash) << "only verified copies stay in the temporary directory";
-    EXPECT_EQ(Sandbox::changesOutside(before, sandbox.snapshot(), "cache/halvofp/"),
+    // The provider's folders, and the console's working folder, where "get"
+    // puts what it fetched under the item's name.
+    EXPECT_EQ(Sandbox::changesOutside(before, sandbox.snapshot(), {"cache/halvofp/", "cwd/"}),
               std::vector<std::string>{})
         << "written outside the provider's folders";
+    for (const auto& e : fs::directory_iterator(sandbox.path("cwd")))
+      EXPECT_EQ(e.path().filename(), "a.txt") << "get writes the item's name, nothing else";
     if (row.abandons != Abandons::Nothing) {
       const size_t requests = host.server.requestCount() - requestsBefore;
       const size_t endless = row.abandons == Abandons::EveryHostReply ? requests : 1;
@@ -511,12 +591,26 @@ const Outcomes kRecordForEverything = {
     {Call::Delete, "done"},
     {Call::ConsoleLs, "exit 0, 1 lines"},
     {Call::ConsoleStat, "exit 0, 12 lines"},
+    // The console refuses to create in a file and to restore what is not
+    // in the trash.
+    {Call::ConsoleGet, "exit 1, error 5120"},
+    {Call::ConsolePut, "exit 1, not a folder"},
+    {Call::ConsoleMkdir, "exit 1, not a folder"},
+    {Call::ConsoleRename, "exit 0, 12 lines"},
+    {Call::ConsoleMove, "exit 1, error 3328"},
+    {Call::ConsoleTrash, "exit 0, 12 lines"},
+    {Call::ConsoleRestore, "exit 1, not in the trash"},
+    {Call::ConsoleTouch, "exit 0, 12 lines"},
+    {Call::ConsoleForget, "exit 0, 1 lines"},
+    {Call::ConsoleUpdate, "exit 1, error 5120"},
 };
 
 // What a host gets whose every reply is one record of item 5/h1 with `name`
 // that also stands as the only entry of every listing, under `identifier`,
-// and whose hash is unusable for a download or creation.
-Outcomes acceptedWithName(const std::string& name, const std::string& identifier) {
+// and whose hash is unusable for a download or creation; `get` is what the
+// console's get says of that name.
+Outcomes acceptedWithName(const std::string& name, const std::string& identifier,
+                          const std::string& get = "exit 2, no file name") {
   const std::string item = "item 5/h1 '" + name + "'";
   const std::string listed = "1 items: " + identifier + " '" + name + "'";
   return {
@@ -538,6 +632,16 @@ Outcomes acceptedWithName(const std::string& name, const std::string& identifier
       {Call::Delete, "done"},
       {Call::ConsoleLs, "exit 0, 2 lines"},
       {Call::ConsoleStat, "exit 0, 12 lines"},
+      {Call::ConsoleGet, get},
+      {Call::ConsolePut, "exit 1, not a folder"},
+      {Call::ConsoleMkdir, "exit 1, not a folder"},
+      {Call::ConsoleRename, "exit 0, 12 lines"},
+      {Call::ConsoleMove, "exit 0, 12 lines"},
+      {Call::ConsoleTrash, "exit 0, 12 lines"},
+      {Call::ConsoleRestore, "exit 1, not in the trash"},
+      {Call::ConsoleTouch, "exit 0, 12 lines"},
+      {Call::ConsoleForget, "exit 0, 1 lines"},
+      {Call::ConsoleUpdate, "exit 1, error 5120"},
   };
 }
 
@@ -559,8 +663,8 @@ std::string everyText(const std::string& text, const std::string& extra = "") {
 
 TEST_F(HostileHostTest, EveryCallAnswersOnceAndNothingLeavesTheCache) {
   const std::string contentUrl = host.contentUrl();
-  const HostileHost::Answer wellFormedHost = [contentUrl](const std::string& type) {
-    return wellFormed(type, contentUrl);
+  const HostileHost::Answer wellFormedHost = [contentUrl](const std::string& query) {
+    return wellFormed(query, contentUrl);
   };
   const std::string record = fileRecord();
   const std::string climbing = "../../victim/x";
@@ -589,6 +693,16 @@ TEST_F(HostileHostTest, EveryCallAnswersOnceAndNothingLeavesTheCache) {
            {Call::Delete, "done"},
            {Call::ConsoleLs, "exit 0, 3 lines"},
            {Call::ConsoleStat, "exit 0, 12 lines"},
+           {Call::ConsoleGet, "exit 0, 12 lines"},
+           {Call::ConsolePut, "exit 0, 12 lines"},
+           {Call::ConsoleMkdir, "exit 0, 12 lines"},
+           {Call::ConsoleRename, "exit 0, 12 lines"},
+           {Call::ConsoleMove, "exit 0, 12 lines"},
+           {Call::ConsoleTrash, "exit 0, 12 lines"},
+           {Call::ConsoleRestore, "exit 1, not in the trash"},
+           {Call::ConsoleTouch, "exit 0, 12 lines"},
+           {Call::ConsoleForget, "exit 0, 1 lines"},
+           {Call::ConsoleUpdate, "exit 0, 12 lines"},
        }},
       {"an empty body", always(""), kUnusable},
       {"a body that is not JSON", always("<html><body>busy</body></html>"), kUnusable},
@@ -607,25 +721,36 @@ TEST_F(HostileHostTest, EveryCallAnswersOnceAndNothingLeavesTheCache) {
       {"nesting past any parser's depth", always(R"({"list":)" + nested(100000) + "}"), kUnusable},
       {"every field but the status nested 300 deep",
        always(everyKey([](const std::string&) { return nested(300); }, R"("status_code":200)")),
+       kUnusable},
+      {"every field but the status nested 200 deep",
+       always(everyKey([](const std::string&) { return nested(200); }, R"("status_code":200)")),
        with(kRecordForEverything, {{Call::Lookup, "item 5/h1 '(null)'"},
                                    {Call::Rename, "item 5/h1 '(null)'"},
                                    {Call::Trash, "item 5/h1 '(null)'"},
                                    {Call::Restore, "item 0 '(null)'"},
-                                   {Call::Touch, "item 5/h1 '(null)'"}})},
+                                   {Call::Touch, "item 5/h1 '(null)'"},
+                                   {Call::ListFolder, "1 items: 0 '(null)'"},
+                                   {Call::ListMounts, "1 items: 0 '(null)'"},
+                                   {Call::ListTrash, "1 items: 0 '(null)'"},
+                                   {Call::FolderChanges, "1 items: 0 '(null)', anchor 7"},
+                                   {Call::WorkingSetChanges, "1 items: 0 '(null)', anchor 7"},
+                                   {Call::ConsoleLs, "exit 0, 2 lines"},
+                                   {Call::ConsoleGet, "exit 2, no file name"}})},
       {"names that climb out of their folder", always(everyText(climbing)),
        acceptedWithName(climbing, "5/" + climbing)},
       {"absolute names and a local path outside the cache",
-       [&](const std::string& type) {
+       [&](const std::string& query) {
          // The host's own copy of the contents: handed over, never written.
          const std::string local = R"(,"filehash":"abc","fullpath":")" + victim + "\"";
-         return ScriptedReply(200, everyText("/etc/passwd", type == "download" ? local : ""));
+         return ScriptedReply(200,
+                              everyText("/etc/passwd", typeOf(query) == "download" ? local : ""));
        },
        with(acceptedWithName("/etc/passwd", "5//etc/passwd"),
             {{Call::Fetch, "file x with other bytes of 5/h1 '/etc/passwd'"}})},
       {"NUL, control and C1 characters in every text", always(everyText(controls)),
        acceptedWithName(controls, "5/" + controls)},
       {"texts of 100 KiB", always(everyText(huge)),
-       acceptedWithName(shortened(huge), shortened("5/" + huge))},
+       acceptedWithName(shortened(huge), shortened("5/" + huge), "exit 1, error 5120")},
   };
   // Wrong kinds: every key the records read holds the same kind of value;
   // the host's error code, as far as it reads as one, reaches the creations.
@@ -665,12 +790,12 @@ TEST_F(HostileHostTest, EveryCallAnswersOnceAndNothingLeavesTheCache) {
 // stalled one is given up, and a listing of a million entries is listed.
 TEST_F(HostileHostTest, RepliesOverTheirLimitsStallsAndAMillionEntries) {
   const std::string contentUrl = host.contentUrl();
-  const HostileHost::Answer wellFormedHost = [contentUrl](const std::string& type) {
-    return wellFormed(type, contentUrl);
+  const HostileHost::Answer wellFormedHost = [contentUrl](const std::string& query) {
+    return wellFormed(query, contentUrl);
   };
   // A record or listing with more than a record's room: 4 MiB of blanks.
-  const HostileHost::Answer padded = [contentUrl](const std::string& type) {
-    ScriptedReply reply = wellFormed(type, contentUrl);
+  const HostileHost::Answer padded = [contentUrl](const std::string& query) {
+    ScriptedReply reply = wellFormed(query, contentUrl);
     reply.body += std::string(HalvoProviderClient::kMaxRecordReply, ' ');
     return reply;
   };
@@ -700,8 +825,8 @@ TEST_F(HostileHostTest, RepliesOverTheirLimitsStallsAndAMillionEntries) {
                         {Call::ConsoleLs, "exit 0, 3 lines"}}),
        std::nullopt, Abandons::Nothing},
       {"an endless listing", always(endlessListing()),
-       without(kNoAnswer,
-               {Call::ListMounts, Call::ListTrash, Call::FolderChanges, Call::WorkingSetChanges}),
+       without(kNoAnswer, {Call::ListMounts, Call::ListTrash, Call::FolderChanges,
+                           Call::WorkingSetChanges, Call::ConsoleLs}),
        std::nullopt, Abandons::EveryHostReply},
       {"endless contents",
        wellFormedHost,

@@ -83,13 +83,15 @@ class Sandbox {
     return out;
   }
 
-  // What differs between two snapshots outside the folders under `allowed`
-  // (a relative path prefix): "+path", "-path" or "~path", sorted.
+  // What differs between two snapshots outside the folders `allowed`
+  // (relative paths ending in "/"): "+path", "-path" or "~path", sorted.
   static std::vector<std::string> changesOutside(const Snapshot& before, const Snapshot& after,
-                                                 const std::string& allowed) {
+                                                 const std::vector<std::string>& allowed) {
     std::vector<std::string> out;
     auto inside = [&](const std::string& path) {
-      return path.rfind(allowed, 0) == 0 || allowed.rfind(path + "/", 0) == 0;
+      for (const auto& folder : allowed)
+        if (path.rfind(folder, 0) == 0 || folder.rfind(path + "/", 0) == 0) return true;
+      return false;
     };
     for (const auto& [path, what] : after) {
       if (inside(path)) continue;
