@@ -145,10 +145,11 @@ void DownloadTask::didWriteData(TransferSession&, TransferTask& task, int64_t,
                                 int64_t totalBytesWritten, int64_t) {
   if (const auto& progress = mProgress()) progress->setCompletedUnitCount(totalBytesWritten);
   // Bytes beyond the size the host gave cannot be these contents, and a
-  // server that never ends its body must not fill the disk.
+  // server that never ends its body must not fill the disk. The failure is
+  // reported once the transfer has ended and taken its file along.
   if (totalBytesWritten > 0 && static_cast<uint64_t>(totalBytesWritten) > ullFilesize) {
-    fail(ErrorCode::CloudNetworkFailure);
-    task.cancel();
+    if (!overran_) task.cancel();
+    overran_ = true;
     return;
   }
   if (bExit) task.cancel();
@@ -197,7 +198,9 @@ void DownloadTask::deliver(const std::string& path) {
 
 void DownloadTask::didCompleteWithError(TransferSession& session, TransferTask& task,
                                         const TransferCompletion& completion) {
-  if (completion.error) {
+  if (overran_) {
+    fail(ErrorCode::CloudNetworkFailure);  // stopped by the task, not by the framework
+  } else if (completion.error) {
     // A 2xx whose body broke off before its announced end is no contents,
     // whatever the connection did.
     auto response = completion.response;

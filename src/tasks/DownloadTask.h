@@ -90,6 +90,7 @@ class DownloadTask final : public HVTask, public TransferSessionDelegate {
       downloadHandler_;
   std::string tempPath_;    // the directory the download is written in
   bool delivered_ = false;  // main queue only: a copy went to the follow-up queue
+  bool overran_ = false;    // main queue only: the body ran past the announced size
 
   mutable Mutex transferLock_;
   std::shared_ptr<TransferTask> downloadTask_ GUARDED_BY(transferLock_);
