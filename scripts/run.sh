@@ -16,7 +16,13 @@ mkdir -p "$root"
 
 say() { printf '\n\033[1m%s\033[0m\n' "$*"; }
 
-mounted() { grep -q " $(realpath -m "$dir") fuse.halvofp " /proc/self/mountinfo 2>/dev/null; }
+# Whether a halvofp folder is mounted at `dir` (field 5 of mountinfo is the
+# mount point, the field after "-" the type).
+mounted() {
+  awk -v d="$(realpath -m "$dir")" \
+    '$5 == d { for (i = 7; i < NF; i++) if ($i == "-" && $(i + 1) == "fuse.halvofp") found = 1 }
+     END { exit !found }' /proc/self/mountinfo
+}
 
 # The background mount process of `dir`, if one runs (its command line is
 # "halvofp mount DIR ...").
@@ -120,7 +126,7 @@ cat <<EOT
   The folder is the cloud: use it with any program.
     cd $dir/Docs
     ls -l                                 listings come from the host; changes made there show up by themselves
-    cp ~/some-file .                      uploaded when the file is closed (sync or fsync waits for it)
+    cp ~/some-file .                      uploaded once the file is closed; `sync some-file` waits for it
     mv some-file Reports/                 renames and moves reach the cloud at once
     vim notes.md                          edits are uploaded as the file's new contents
     rm notes.md                           moves it to $dir/.Trash; mv it out of .Trash to restore it
