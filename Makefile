@@ -27,6 +27,7 @@ test: dev
 checks:
 	@bash scripts/check-layers.sh
 	@bash scripts/check-thread-safety.sh build/dev
+	@bash scripts/check-isa.sh build/dev
 
 # The suite under ThreadSanitizer.
 test-tsan: deps

@@ -12,6 +12,7 @@ packages=(
   dbus dbus-daemon dbus-bin
   libgtest-dev libgmock-dev libbenchmark-dev
   curl openssl
+  git rsync sqlite3 vim fio
 )
 
 missing=()

@@ -53,7 +53,12 @@ Console::Console(HalvoProviderClient& client, ConsoleOptions options, std::ostre
   if (options_.port) client_.onRecvFromApp(portEvent(*options_.port));
 }
 
-Console::~Console() = default;
+// An upload still running (a cancelled one abandoning its session) ends
+// before the process does.
+Console::~Console() {
+  if (OperationQueue* uploads = client_.mUploadQueue())
+    uploads->waitUntilAllOperationsAreFinished();
+}
 
 uint64_t Console::queriesSoFar() const { return client_.lastOutcome().number; }
 
@@ -63,6 +68,13 @@ bool Console::hostAnswered(uint64_t before) {
   err_ << "halvofp: no answer from the host at " << client_.strHost() << ":" << client_.nPort()
        << " (" << outcome.failure << "); is halvo-hostd running?\n";
   return false;
+}
+
+void Console::printItem(NSFileProviderItem& item) {
+  if (options_.json)
+    out_ << itemJson(item) << '\n';
+  else
+    printDetails(out_, item);
 }
 
 void Console::printItems(const std::vector<NSFileProviderItemRef>& items) {
@@ -100,10 +112,7 @@ int Console::stat(const std::string& identifier) {
     err_ << '\n';
     return 1;
   }
-  if (options_.json)
-    out_ << itemJson(*found) << '\n';
-  else
-    printDetails(out_, *found);
+  printItem(*found);
   return 0;
 }
 

@@ -10,14 +10,6 @@
 namespace hvfp::cli {
 namespace {
 
-// Names come from the host: a control character in one (an escape sequence,
-// a line break) must not reach the terminal as such.
-std::string printable(std::string text) {
-  for (char& c : text)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-  return text;
-}
-
 std::string kindOf(NSFileProviderItem& item) {
   std::string type = item.contentType().identifier;
   if (type != "public.folder") return type;
@@ -35,6 +27,52 @@ void optionalMember(JsonWriter& w, const char* key, const std::optional<T>& v, F
 }
 
 }  // namespace
+
+std::string printable(std::string text) {
+  for (char& c : text)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  return text;
+}
+
+std::string errorText(const Error& error) {
+  std::string meaning;
+  if (error.domain == NSCocoaErrorDomain) {
+    switch (error.code) {
+      case ErrorCode::Cancelled:
+        meaning = "cancelled";
+        break;
+      case ErrorCode::NoWritePermission:
+        meaning = "refused by the host";
+        break;
+      case ErrorCode::FeatureUnsupported:
+        meaning = "not confirmed by the host";
+        break;
+      case ErrorCode::LookupFailed:
+        meaning = "not found";
+        break;
+      case ErrorCode::CloudNetworkFailure:
+        meaning = "the transfer failed";
+        break;
+      default:
+        meaning = "failed";
+        break;
+    }
+  } else {
+    meaning = "failed";
+  }
+  // An upload's failure carries the host's or the task's own code and text.
+  auto code = error.userInfo.find("error");
+  auto message = error.userInfo.find("message");
+  if (code != error.userInfo.end()) {
+    meaning += ": error ";
+    if (auto* n = std::get_if<int64_t>(&code->second)) meaning += std::to_string(*n);
+    if (auto* t = std::get_if<std::string>(&code->second)) meaning += printable(*t);
+  }
+  if (message != error.userInfo.end())
+    if (auto* t = std::get_if<std::string>(&message->second); t && !t->empty())
+      meaning += " \"" + printable(*t) + "\"";
+  return meaning + " (" + printable(error.domain) + " " + std::to_string(error.code) + ")";
+}
 
 std::string humanSize(uint64_t bytes) {
   if (bytes < 1024) return std::to_string(bytes) + " B";

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Error.h"
 #include "platform/fileprovider/FileProvider.h"
 
 namespace hvfp::cli {
@@ -20,6 +21,12 @@ void printTable(std::ostream& out, const std::vector<NSFileProviderItemRef>& ite
 void printDetails(std::ostream& out, NSFileProviderItem& item);
 // 1536 -> "1.5 KiB"; exact bytes below 1 KiB.
 std::string humanSize(uint64_t bytes);
+// What an error the framework got means, for people: "not found", "refused
+// by the host", an upload's code and message, ... with the domain and code.
+std::string errorText(const Error& error);
+// Control characters (escape sequences, line breaks) in text from the host
+// become "?", so they never reach the terminal as such.
+std::string printable(std::string text);
 // Seconds since 1970 as "2023-11-14 22:13:20" (UTC).
 std::string shortDate(double seconds);
 

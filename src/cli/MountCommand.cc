@@ -4,10 +4,13 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mount.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -118,10 +121,18 @@ int serveFolder(const MountOptions& options, int ready, std::ostream& err) {
     report("halvofp: no cache folder for the domain " + options.domain);
     return 1;
   }
+  const std::string cache = fs::path(tmp).parent_path().string();
+  uint64_t cacheSize = 0;
+  if (options.cacheSize) {
+    cacheSize = *options.cacheSize;
+  } else {
+    struct statvfs st {};
+    if (::statvfs(cache.c_str(), &st) == 0)
+      cacheSize = defaultCacheSize(uint64_t{st.f_blocks} * st.f_frsize);
+  }
+  log("halvofp: copies of contents in {} are kept to {} bytes", cache, cacheSize);
   driver::FuseAdapter adapter;
-  driver::Folder folder(
-      extension, manager, adapter,
-      driver::FolderOptions{fs::path(tmp).parent_path().string(), options.cacheSize});
+  driver::Folder folder(extension, manager, adapter, driver::FolderOptions{cache, cacheSize});
   if (auto mounted = adapter.mount(options.dir); !mounted) {
     report("halvofp: " + mounted.failure().message);
     return 1;
@@ -148,22 +159,22 @@ std::optional<uint64_t> parseSize(const std::string& text) {
     return std::nullopt;
   }
   std::string unit = text.substr(used);
+  for (char& c : unit) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  if (unit.size() > 1 && (unit.ends_with("IB") || unit.ends_with("B")))
+    unit.resize(unit.size() - (unit.ends_with("IB") ? 2 : 1));
+  static const std::string kUnits = "KMGT";
   int shift = 0;
-  if (unit.empty())
-    shift = 0;
-  else if (unit == "K" || unit == "k")
-    shift = 10;
-  else if (unit == "M" || unit == "m")
-    shift = 20;
-  else if (unit == "G" || unit == "g")
-    shift = 30;
-  else if (unit == "T" || unit == "t")
-    shift = 40;
-  else
-    return std::nullopt;
+  if (unit.size() > 1) return std::nullopt;
+  if (unit.size() == 1) {
+    size_t at = kUnits.find(unit[0]);
+    if (at == std::string::npos) return std::nullopt;
+    shift = 10 * static_cast<int>(at + 1);
+  }
   if (shift && value > (UINT64_MAX >> shift)) return std::nullopt;
   return value << shift;
 }
+
+uint64_t defaultCacheSize(uint64_t fsBytes) { return std::min(uint64_t{10} << 30, fsBytes / 4); }
 
 int mount(const MountOptions& given, std::ostream& err) {
   MountOptions options = given;

@@ -22,7 +22,9 @@ namespace hvfp::cli {
 struct MountOptions {
   std::string dir;
   bool foreground = false;
-  uint64_t cacheSize = uint64_t{2} << 30;
+  // Room for copies of contents; none: defaultCacheSize of the cache's
+  // file system.
+  std::optional<uint64_t> cacheSize;
   std::optional<int64_t> port;  // delivered as a port event, as the host app would
   std::string domain = "halvo";
   bool verbose = false;  // in the foreground: the provider's log lines too
@@ -30,8 +32,11 @@ struct MountOptions {
 };
 
 // "512M", "2G", "1048576": bytes, with an optional K, M, G or T (powers of
-// 1024); none for anything else.
+// 1024, either case, "B" or "iB" may follow); none for anything else.
 std::optional<uint64_t> parseSize(const std::string& text);
+
+// The smaller of 10 GiB and a quarter of a file system of `fsBytes`.
+uint64_t defaultCacheSize(uint64_t fsBytes);
 
 int mount(const MountOptions& options, std::ostream& err);
 int unmount(const std::string& dir, std::ostream& err);

@@ -1,9 +1,12 @@
 // halvofp: the provider on the command line. Each subcommand plays the
 // framework for one call against a running host app.
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <csignal>
 #include <iostream>
+#include <optional>
 
 #include "cli/Console.h"
 #include "cli/MountCommand.h"
@@ -13,14 +16,28 @@
 namespace {
 std::atomic<bool> gStop{false};
 void onSignal(int) { gStop = true; }
+
+// The first Ctrl-C cancels the running call; a second one ends the process
+// at once, as it would without the handler.
+void cancelOnInterrupt() {
+  struct sigaction action {};
+  action.sa_handler = onSignal;
+  action.sa_flags = SA_RESETHAND;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+}
 }  // namespace
 
 int main(int argc, char** argv) {
   CLI::App app{
       "halvofp - the Halvo cloud drive as a file-provider domain.\n"
-      "Talks to the host app (halvo-hostd) on 127.0.0.1; each command makes one framework call.",
+      "Talks to the host app (halvo-hostd) on 127.0.0.1; each command makes one framework call\n"
+      "(a fetch or change first looks up the item or folder it names). Ctrl-C cancels a running "
+      "call.",
       "halvofp"};
   app.require_subcommand(1);
+  // "halvofp stat ID --json" works as well as "halvofp --json stat ID".
+  app.fallthrough();
   hvfp::cli::ConsoleOptions options;
   bool verbose = false;
   int64_t port = 0;
@@ -50,8 +67,51 @@ int main(int argc, char** argv) {
 
   auto* watch = app.add_subcommand("watch", "print host events and the changes each one signals");
 
+  // Commands that fetch or change: each prints the item the framework gets
+  // back (as stat does), or what went wrong; Ctrl-C cancels.
+  std::string itemId, secondArg, file, name;
+  std::optional<std::string> optionalArg, putName;
+  auto* get = app.add_subcommand(
+      "get",
+      "fetch an item's contents and copy them to DEST (default: the item's name in the "
+      "current directory; a directory: the item's name in it; -: standard output)");
+  get->add_option("ID", itemId, "item identifier")->required();
+  get->add_option("DEST", optionalArg, "where the copy goes");
+  auto* rename = app.add_subcommand("rename", "give an item a new name");
+  rename->add_option("ID", itemId, "item identifier")->required();
+  rename->add_option("NAME", name, "the new name")->required();
+  auto* move = app.add_subcommand("move", "move an item into the folder PARENT");
+  move->add_option("ID", itemId, "item identifier")->required();
+  move->add_option("PARENT", secondArg, "identifier of the folder it goes into")->required();
+  auto* trash = app.add_subcommand("trash", "move an item to the trash");
+  trash->add_option("ID", itemId, "item identifier")->required();
+  auto* restore = app.add_subcommand(
+      "restore", "bring an item back from the trash (default: into the folder it was in)");
+  restore->add_option("ID", itemId, "item identifier")->required();
+  restore->add_option("PARENT", optionalArg, "identifier of the folder it goes into");
+  auto* forget = app.add_subcommand(
+      "forget",
+      "delete an item from the domain: the host drops its sync record (the cloud keeps "
+      "the item)");
+  forget->add_option("ID", itemId, "item identifier")->required();
+  auto* touch = app.add_subcommand(
+      "touch", "change an item's dates alone; the answer is the host's record of it");
+  touch->add_option("ID", itemId, "item identifier")->required();
+  auto* put = app.add_subcommand("put", "create a file in the folder PARENT with FILE's contents");
+  put->add_option("FILE", file, "a local file")->required();
+  put->add_option("PARENT", secondArg, "identifier of the folder (a mount id, MOUNT/HASH)")
+      ->required();
+  put->add_option("--name", putName, "the new file's name (default: FILE's name)");
+  auto* mkdir = app.add_subcommand("mkdir", "create a folder NAME in the folder PARENT");
+  mkdir->add_option("PARENT", secondArg, "identifier of the folder (a mount id, MOUNT/HASH)")
+      ->required();
+  mkdir->add_option("NAME", name, "the new folder's name")->required();
+  auto* update = app.add_subcommand("update", "replace a file's contents with FILE's");
+  update->add_option("ID", itemId, "item identifier")->required();
+  update->add_option("FILE", file, "a local file")->required();
+
   hvfp::cli::MountOptions mountOptions;
-  std::string cacheSize = "2G";
+  std::string cacheSize;
   int64_t mountPort = 0;
   auto* mount = app.add_subcommand(
       "mount",
@@ -64,9 +124,10 @@ int main(int argc, char** argv) {
                   "detach once mounted and log to syslog)");
   mount
       ->add_option("--cache-size", cacheSize,
-                   "room for local copies of contents, e.g. 512M or 10G; the least recently used "
-                   "go first")
-      ->capture_default_str()
+                   "room for local copies of downloaded contents, e.g. 512M or 10G (default: the "
+                   "smaller of 10G and a quarter of the cache's file system); the least recently "
+                   "used that no open file holds go first. Contents waiting for upload are kept "
+                   "whatever their size")
       ->check([](const std::string& text) {
         return hvfp::cli::parseSize(text) ? std::string() : "a size like 512M or 10G";
       });
@@ -83,12 +144,16 @@ int main(int argc, char** argv) {
   auto* unmount = app.add_subcommand("unmount", "unmount a folder that halvofp mount made");
   unmount->add_option("DIR", unmountDir, "the folder")->required();
 
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : hvfp::cli::Exit::BadInput;
+  }
   if (app.get_option("--port")->count() > 0) options.port = port;
 
   // Before anything starts a thread: mount may detach into the background.
   if (*mount) {
-    mountOptions.cacheSize = *hvfp::cli::parseSize(cacheSize);
+    if (!cacheSize.empty()) mountOptions.cacheSize = hvfp::cli::parseSize(cacheSize);
     if (mount->get_option("--port")->count() > 0)
       mountOptions.port = mountPort;
     else
@@ -100,8 +165,11 @@ int main(int argc, char** argv) {
   if (*unmount) return hvfp::cli::unmount(unmountDir, std::cerr);
 
   hvfp::setLogSink(verbose ? hvfp::LogSink::Stderr : hvfp::LogSink::Silent);
+  options.terminal = ::isatty(STDERR_FILENO) == 1;
+  if (!*ls && !*stat && !*changes && !*watch) cancelOnInterrupt();
   hvfp::cli::Console console(hvfp::HalvoProviderClient::shareHalvoProviderClient(), options,
                              std::cout, std::cerr);
+  console.cancelOn(gStop);
   if (*ls) return console.ls(lsContainer);
   if (*stat) return console.stat(statId);
   if (*changes)
@@ -112,5 +180,15 @@ int main(int argc, char** argv) {
     std::signal(SIGTERM, onSignal);
     return console.watch(gStop);
   }
-  return 2;
+  if (*get) return console.get(itemId, optionalArg);
+  if (*rename) return console.rename(itemId, name);
+  if (*move) return console.move(itemId, secondArg);
+  if (*trash) return console.trash(itemId);
+  if (*restore) return console.restore(itemId, optionalArg);
+  if (*forget) return console.forget(itemId);
+  if (*touch) return console.touch(itemId);
+  if (*put) return console.put(file, secondArg, putName);
+  if (*mkdir) return console.mkdir(secondArg, name);
+  if (*update) return console.update(itemId, file);
+  return hvfp::cli::Exit::BadInput;
 }

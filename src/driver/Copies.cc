@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <mutex>
+#include <vector>
 
 #include "digest/FileMD5Hash.h"
 #include "driver/ErrorMap.h"
@@ -21,9 +23,12 @@ std::string keyOf(const std::string& identifier,
   return identifier + '\n' + (version ? version->contentVersion : std::string());
 }
 
-uint64_t sizeOf(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+// Downloads are named by content hash: 1-128 letters and digits.
+bool isDownloadName(const std::string& name) {
+  if (name.empty() || name.size() > 128) return false;
+  for (char c : name)
+    if (!std::isalnum(static_cast<unsigned char>(c))) return false;
+  return true;
 }
 
 // What one fetch answered, handed from the provider's thread to the waiter.
@@ -59,29 +64,98 @@ std::optional<std::string> contentHashOf(const std::optional<NSFileProviderItemV
   return hash;
 }
 
-Copies::Copies(NSFileProviderReplicatedExtension& extension, std::string folder,
+Copies::Copies(NSFileProviderReplicatedExtension& extension, std::string folder, std::string cache,
                uint64_t limitBytes)
-    : extension_(extension), folder_(std::move(folder)), limit_(limitBytes) {
+    : extension_(extension),
+      folder_(std::move(folder)),
+      cache_(std::filesystem::path(cache).lexically_normal().string()),
+      limit_(limitBytes) {
+  namespace fs = std::filesystem;
   std::error_code ec;
-  std::filesystem::remove_all(folder_, ec);
-  std::filesystem::create_directories(folder_, ec);
+  fs::remove_all(folder_, ec);
+  fs::create_directories(folder_, ec);
+  // Downloads an earlier run left count too, and go first, oldest first.
+  std::vector<std::pair<fs::file_time_type, std::string>> found;
+  for (auto it = fs::directory_iterator(cache_ + "/tmp", ec); !ec && it != fs::directory_iterator();
+       it.increment(ec)) {
+    std::error_code e;
+    if (it->is_regular_file(e) && isDownloadName(it->path().filename()))
+      found.emplace_back(it->last_write_time(e), it->path().string());
+  }
+  std::sort(found.begin(), found.end());
+  MutexLock lock(mutex_);
+  for (auto& [when, path] : found) {
+    auto stamp = stampOf(path);
+    if (!stamp) continue;
+    File& f = files_[path];
+    f.counted = counts(path);
+    f.size = static_cast<uint64_t>(stamp->size);
+    if (!f.counted) continue;
+    total_ += f.size;
+    f.lastUse = ++clock_;
+    byUse_.emplace(f.lastUse, path);
+  }
+  evict();
 }
 
 Copies::~Copies() = default;
 
+bool Copies::counts(const std::string& path) const {
+  std::string normal = std::filesystem::path(path).lexically_normal().string();
+  return normal.size() > cache_.size() + 1 && normal.compare(0, cache_.size(), cache_) == 0 &&
+         normal[cache_.size()] == '/';
+}
+
+std::optional<Copies::Stamp> Copies::stampOf(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  return Stamp{st.st_dev, st.st_ino, st.st_size,
+               int64_t{st.st_mtim.tv_sec} * 1000000000 + st.st_mtim.tv_nsec};
+}
+
 Result<Copies::Opened> Copies::open(const std::string& identifier,
-                                    const std::optional<NSFileProviderItemVersion>& version) {
-  // A copy may vanish underneath (evicted for another item sharing its
-  // file, or cleaned away): then it is fetched once more.
+                                    const std::optional<NSFileProviderItemVersion>& version,
+                                    bool hold) {
+  // A copy may vanish underneath (cleaned away, or replaced by a download of
+  // the same contents): then it is fetched once more.
   for (int attempt = 0; attempt < 2; ++attempt) {
     auto copy = checked(identifier, version);
     if (!copy) return copy.failure();
-    int fd = ::open(copy->path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) return Opened{fd, std::move(copy->fetched)};
     MutexLock lock(mutex_);
-    drop(keyOf(identifier, version));
+    int fd = ::open(copy->path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (auto b = busy_.find(copy->path); b != busy_.end() && --b->second == 0) busy_.erase(b);
+    if (fd >= 0) {
+      Opened opened{fd, std::move(copy->fetched), ""};
+      if (auto f = files_.find(copy->path); hold && f != files_.end()) {
+        ++f->second.opens;
+        opened.file = copy->path;
+      }
+      return opened;
+    }
+    forgetFile(copy->path);
   }
   return errnoFailure(EIO, "the copy went away twice");
+}
+
+void Copies::closed(const std::string& path) {
+  MutexLock lock(mutex_);
+  auto f = files_.find(path);
+  if (f == files_.end() || f->second.opens == 0) return;
+  --f->second.opens;
+  evict();
+}
+
+std::optional<std::string> Copies::stillChecked(const std::string& key) {
+  auto copy = copies_.find(key);
+  if (copy == copies_.end()) return std::nullopt;
+  const std::string path = copy->second;
+  File& f = files_[path];
+  if (!f.checked) return std::nullopt;
+  auto stamp = stampOf(path);
+  if (stamp == f.checked) return path;
+  // Changed or gone since it was checked: hashed again (or fetched) below.
+  if (!stamp) forgetFile(path);
+  return std::nullopt;
 }
 
 Result<Copies::Checked> Copies::checked(const std::string& identifier,
@@ -92,71 +166,93 @@ Result<Copies::Checked> Copies::checked(const std::string& identifier,
   {
     MutexLock lock(mutex_);
     for (;;) {
-      auto copy = copies_.find(key);
-      if (copy != copies_.end() && copy->second.checked) {
-        copy->second.lastUse = ++clock_;
-        return Checked{copy->second.path, std::nullopt};
+      if (auto path = stillChecked(key)) {
+        touch(*path);
+        ++busy_[*path];
+        return Checked{*path, std::nullopt};
       }
       auto running = fetches_.find(key);
-      if (running == fetches_.end()) {
-        if (copy != copies_.end()) held = copy->second.path;
-        break;
-      }
+      if (running == fetches_.end()) break;
       std::shared_ptr<Fetch> theirs = running->second;
       while (!theirs->done) fetched_.wait(lock);
       if (theirs->error) return errnoFailure(theirs->error);
-      if (auto c = copies_.find(theirs->key); c != copies_.end() && c->second.checked) {
-        c->second.lastUse = ++clock_;
-        return Checked{c->second.path, std::nullopt};
+      if (auto path = stillChecked(theirs->key)) {
+        touch(*path);
+        ++busy_[*path];
+        return Checked{*path, std::nullopt};
       }
+    }
+    if (auto copy = copies_.find(key); copy != copies_.end()) {
+      held = copy->second;
+      ++busy_[*held];
     }
     mine = std::make_shared<Fetch>();
     mine->key = key;
     fetches_[key] = mine;
   }
 
-  Result<Checked> got =
-      held ? Result<Checked>(Checked{*held, std::nullopt}) : fetch(identifier, version);
-  std::string fileKey = key;
+  // The file held first, when there is one; then at most two fetches.
+  std::optional<Checked> good;
+  std::optional<NSFileProviderItemVersion> served = version;
+  std::optional<Stamp> stamp;
   int error = 0;
-  if (got) {
-    std::optional<NSFileProviderItemVersion> served = version;
-    if (got->fetched && got->fetched->version) served = got->fetched->version;
-    fileKey = keyOf(identifier, served);
-    if (auto hash = contentHashOf(served)) {
-      auto actual = FileSHA1::FileMD5HashCreateWithPath(got->path, 1 << 20);
-      if (actual != hash) {
-        log("driver: the copy of {} does not match its content hash {}, thrown away", identifier,
-            *hash);
-        ::unlink(got->path.c_str());
-        error = EIO;
-      }
-    } else {
-      log("driver: the version of {} names no content hash; its copy is served unchecked",
-          identifier);
+  if (held) {
+    stamp = stampOf(*held);
+    if (stamp && matches(identifier, version, *held)) good = Checked{*held, std::nullopt};
+    MutexLock lock(mutex_);
+    if (auto b = busy_.find(*held); b != busy_.end() && --b->second == 0) busy_.erase(b);
+  }
+  for (int fetches = 0; !good && fetches < 2; ++fetches) {
+    auto got = fetch(identifier, version);
+    if (!got) {
+      error = got.failure().code ? got.failure().code : EIO;
+      break;
     }
-  } else {
-    error = got.failure().code ? got.failure().code : EIO;
+    served = version;
+    if (got->fetched && got->fetched->version) served = got->fetched->version;
+    // Taken before the hash: a change while hashing shows at the next open.
+    stamp = stampOf(got->path);
+    if (stamp && matches(identifier, served, got->path))
+      good = std::move(*got);
+    else
+      error = EIO;
   }
 
   MutexLock lock(mutex_);
   fetches_.erase(key);
   mine->done = true;
-  mine->error = error;
-  mine->key = fileKey;
-  if (error) {
-    drop(key);
+  if (good) {
+    error = 0;
+    mine->key = keyOf(identifier, served);
+    if (mine->key != key) forgetKey(key);
+    file(mine->key, good->path, stamp);
+    ++busy_[good->path];
+    evict();
   } else {
-    if (fileKey != key) drop(key);
-    Copy& copy = copies_[fileKey];
-    total_ -= copy.size;
-    copy = Copy{got->path, sizeOf(got->path), ++clock_, true};
-    total_ += copy.size;
-    evict(fileKey);
+    forgetKey(key);
   }
+  mine->error = error;
   fetched_.notify_all();
-  if (error) return errnoFailure(error);
-  return got;
+  if (!good) return errnoFailure(error);
+  return std::move(*good);
+}
+
+bool Copies::matches(const std::string& identifier,
+                     const std::optional<NSFileProviderItemVersion>& version,
+                     const std::string& path) {
+  auto hash = contentHashOf(version);
+  if (!hash) {
+    log("driver: the version of {} names no content hash; its copy is served unchecked",
+        identifier);
+    return true;
+  }
+  if (FileSHA1::FileMD5HashCreateWithPath(path, 1 << 20) == hash) return true;
+  log("driver: the copy of {} does not match its content hash {}; it is fetched again", identifier,
+      *hash);
+  MutexLock lock(mutex_);
+  if (counts(path)) ::unlink(path.c_str());
+  forgetFile(path);
+  return false;
 }
 
 Result<Copies::Checked> Copies::fetch(const std::string& identifier,
@@ -192,31 +288,71 @@ void Copies::adopt(const std::string& identifier, const NSFileProviderItemVersio
     return;
   }
   const std::string key = keyOf(identifier, version);
-  drop(key);
-  Copy& copy = copies_[key];
-  copy = Copy{into, sizeOf(into), ++clock_, false};
-  total_ += copy.size;
-  evict(key);
+  forgetKey(key);
+  file(key, into, std::nullopt);
+  evict();
 }
 
-void Copies::drop(const std::string& key) {
-  auto it = copies_.find(key);
-  if (it == copies_.end()) return;
-  total_ -= it->second.size;
-  copies_.erase(it);
+Copies::Use Copies::use() {
+  MutexLock lock(mutex_);
+  return Use{total_, limit_, byUse_.size()};
 }
 
-void Copies::evict(const std::string& keep) {
-  while (total_ > limit_) {
-    auto victim = copies_.end();
-    for (auto it = copies_.begin(); it != copies_.end(); ++it)
-      if (it->first != keep && !fetches_.count(it->first) &&
-          (victim == copies_.end() || it->second.lastUse < victim->second.lastUse))
-        victim = it;
-    if (victim == copies_.end()) return;
-    ::unlink(victim->second.path.c_str());
-    total_ -= victim->second.size;
-    copies_.erase(victim);
+void Copies::file(const std::string& key, const std::string& path, std::optional<Stamp> checked) {
+  if (auto old = copies_.find(key); old != copies_.end() && old->second != path) forgetKey(key);
+  copies_[key] = path;
+  auto [it, made] = files_.try_emplace(path);
+  File& f = it->second;
+  if (made) f.counted = counts(path);
+  auto stamp = checked ? checked : stampOf(path);
+  const uint64_t size = stamp ? static_cast<uint64_t>(stamp->size) : 0;
+  if (f.counted) total_ = total_ - f.size + size;
+  f.size = size;
+  f.checked = checked;
+  f.keys.insert(key);
+  touch(path);
+}
+
+void Copies::touch(const std::string& path) {
+  auto it = files_.find(path);
+  if (it == files_.end()) return;
+  File& f = it->second;
+  if (f.counted) byUse_.erase({f.lastUse, path});
+  f.lastUse = ++clock_;
+  if (f.counted) byUse_.emplace(f.lastUse, path);
+}
+
+void Copies::forgetKey(const std::string& key) {
+  auto copy = copies_.find(key);
+  if (copy == copies_.end()) return;
+  const std::string path = copy->second;
+  copies_.erase(copy);
+  auto f = files_.find(path);
+  if (f == files_.end()) return;
+  f->second.keys.erase(key);
+  // A file of the host's that no copy names any more need not be known.
+  if (!f->second.counted && f->second.keys.empty() && f->second.opens == 0) files_.erase(f);
+}
+
+void Copies::forgetFile(const std::string& path) {
+  auto f = files_.find(path);
+  if (f == files_.end()) return;
+  for (const auto& key : f->second.keys) copies_.erase(key);
+  if (f->second.counted) {
+    total_ -= f->second.size;
+    byUse_.erase({f->second.lastUse, path});
+  }
+  files_.erase(f);
+}
+
+void Copies::evict() {
+  for (auto it = byUse_.begin(); total_ > limit_ && it != byUse_.end();) {
+    const std::string path = it->second;
+    ++it;
+    const File& f = files_[path];
+    if (f.opens > 0 || busy_.count(path)) continue;
+    ::unlink(path.c_str());
+    forgetFile(path);
   }
 }
 

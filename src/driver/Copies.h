@@ -1,27 +1,41 @@
-// Copies: local copies of items' contents, for reading.
+// Copies: local copies of items' contents, for reading, in a bounded cache.
 //
 // A copy is asked of the extension (a content fetch) the first time an item
 // is opened at a content version; opens of the same item and version while
 // that fetch runs wait for it instead of fetching again. Before a copy is
 // first served, its bytes are checked against the content hash its version
-// names ("filehash", SHA-1); a copy that does not match is thrown away and
-// the open fails. Copies stay until the total size passes the limit, then
-// the least recently used go (an open descriptor keeps its file readable).
+// names ("filehash", SHA-1); later opens check that the file is still the
+// one that was checked (device, inode, size, modification time) and hash it
+// again when not. A copy that does not match is thrown away and fetched
+// once more; only a second mismatch fails the open.
+//
+// The cache: copies in the cache folder (the fetches' downloads in the
+// domain's temporary directory, and the files uploads leave) count against
+// the limit, with downloads an earlier run left there, which go first.
+// Past the limit, the least recently used copies that no open file holds
+// are deleted. Files a fetch names elsewhere (the host's own copies) are
+// served but never counted or deleted. Working copies are not copies: they
+// are never counted here nor evicted.
+//
 // A file an upload just sent can be taken in as the copy of the version the
 // upload reported, so it need not come back down; taken-in files live in
 // the copies folder, which is emptied when the copies are made.
 //
-// Ownership: owns its table and the files it took in or was handed by
-// fetches; the extension is its maker's. Threads: any thread; open() blocks
-// its caller until the copy is there, without holding the lock.
+// Ownership: owns its tables and the cache files it counts; the extension
+// is its maker's. Threads: any thread; open() blocks its caller until the
+// copy is there, without holding the lock.
 #pragma once
+
+#include <sys/types.h>
 
 #include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "driver/Replica.h"
 #include "platform/Result.h"
@@ -40,28 +54,53 @@ class Copies {
     // What the fetch made for this open answered about the item, when it
     // ran: the contents served are the item's at that version.
     std::optional<ItemRecord> fetched;
+    // With `hold`: the copy held until closed(file).
+    std::string file;
+  };
+  struct Use {
+    uint64_t bytes = 0;  // of the copies counted
+    uint64_t limit = 0;
+    size_t files = 0;
   };
 
-  Copies(NSFileProviderReplicatedExtension& extension, std::string folder, uint64_t limitBytes);
+  // `folder` holds taken-in files; `cache` is the folder whose files count
+  // (both the domain's). `limitBytes` caps the files counted.
+  Copies(NSFileProviderReplicatedExtension& extension, std::string folder, std::string cache,
+         uint64_t limitBytes);
   ~Copies();
   Copies(const Copies&) = delete;
   Copies& operator=(const Copies&) = delete;
 
   // A descriptor open for reading on the item's contents at `version`, or
-  // newer when the fetch delivered newer. Failures carry an errno.
+  // newer when the fetch delivered newer. With `hold`, the copy is not
+  // evicted until closed(). Failures carry an errno.
   Result<Opened> open(const std::string& identifier,
-                      const std::optional<NSFileProviderItemVersion>& version) EXCLUDES(mutex_);
+                      const std::optional<NSFileProviderItemVersion>& version, bool hold)
+      EXCLUDES(mutex_);
+  // An open made with `hold` was closed.
+  void closed(const std::string& file) EXCLUDES(mutex_);
   // The file at `path` holds the item's contents at `version`: it is moved
   // into the copies folder (checked at first use).
   void adopt(const std::string& identifier, const NSFileProviderItemVersion& version,
              const std::string& path) EXCLUDES(mutex_);
+  Use use() EXCLUDES(mutex_);
 
  private:
-  struct Copy {
-    std::string path;
+  // What identifies a file as the one that was checked.
+  struct Stamp {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = -1;
+    int64_t modified = 0;  // ns
+    bool operator==(const Stamp&) const = default;
+  };
+  struct File {
+    bool counted = false;  // in the cache folder: counted and evicted
     uint64_t size = 0;
     uint64_t lastUse = 0;
-    bool checked = false;
+    int opens = 0;
+    std::optional<Stamp> checked;  // as it was when its hash matched
+    std::set<std::string> keys;    // the copies it holds
   };
   struct Fetch {
     bool done = false;
@@ -73,22 +112,39 @@ class Copies {
     std::optional<ItemRecord> fetched;
   };
 
-  // The file of a checked copy: the one held, or fetched and checked now.
+  static std::optional<Stamp> stampOf(const std::string& path);
+  // The path of a checked copy: the one held, or fetched and checked now.
   Result<Checked> checked(const std::string& identifier,
                           const std::optional<NSFileProviderItemVersion>& version) EXCLUDES(mutex_);
+  // Whether the file held for `key` is still the checked one.
+  std::optional<std::string> stillChecked(const std::string& key) REQUIRES(mutex_);
   Result<Checked> fetch(const std::string& identifier,
                         const std::optional<NSFileProviderItemVersion>& version);
-  void drop(const std::string& key) REQUIRES(mutex_);
-  void evict(const std::string& keep) REQUIRES(mutex_);
+  // Hashes the file against the version's content hash; false on a
+  // mismatch (logged, and the file deleted when it is a cache file).
+  bool matches(const std::string& identifier, const std::optional<NSFileProviderItemVersion>& v,
+               const std::string& path);
+  void file(const std::string& key, const std::string& path, std::optional<Stamp> checked)
+      REQUIRES(mutex_);
+  void touch(const std::string& path) REQUIRES(mutex_);
+  void forgetKey(const std::string& key) REQUIRES(mutex_);
+  void forgetFile(const std::string& path) REQUIRES(mutex_);
+  void evict() REQUIRES(mutex_);
+  bool counts(const std::string& path) const;
 
   NSFileProviderReplicatedExtension& extension_;
   const std::string folder_;
+  const std::string cache_;
   const uint64_t limit_;
-  uint64_t adopted_ GUARDED_BY(mutex_) = 0;
   Mutex mutex_;
   std::condition_variable_any fetched_;
-  std::map<std::string, Copy> copies_ GUARDED_BY(mutex_);  // by identifier and content version
+  uint64_t adopted_ GUARDED_BY(mutex_) = 0;
+  // Copies by identifier and content version: the file holding each.
+  std::map<std::string, std::string> copies_ GUARDED_BY(mutex_);
+  std::map<std::string, File> files_ GUARDED_BY(mutex_);
+  std::set<std::pair<uint64_t, std::string>> byUse_ GUARDED_BY(mutex_);  // counted files
   std::map<std::string, std::shared_ptr<Fetch>> fetches_ GUARDED_BY(mutex_);
+  std::map<std::string, int> busy_ GUARDED_BY(mutex_);  // files being checked or handed out
   uint64_t total_ GUARDED_BY(mutex_) = 0;
   uint64_t clock_ GUARDED_BY(mutex_) = 0;
 };

@@ -6,84 +6,19 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <mutex>
 
+#include "driver/Calls.h"
 #include "driver/ErrorMap.h"
 #include "platform/Log.h"
 #include "platform/fileprovider/ContainerIdentifiers.h"
 #include "platform/fileprovider/ItemTemplate.h"
 
 namespace hvfp::driver {
-namespace {
 
-const std::string kRootId(NSFileProviderRootContainerItemIdentifier);
-const std::string kTrashId(NSFileProviderTrashContainerItemIdentifier);
-
-namespace Capability {
-constexpr uint64_t Writing = 2, Reparenting = 4, Renaming = 8, Trashing = 16, Deleting = 32;
-}
-namespace Fields = NSFileProviderItemFields;
-
-Date nowDate() {
-  using namespace std::chrono;
-  return static_cast<Date>(duration_cast<seconds>(system_clock::now().time_since_epoch()).count());
-}
-
-Date mtimeOf(const struct stat& st) {
-  return static_cast<Date>(st.st_mtim.tv_sec) + static_cast<Date>(st.st_mtim.tv_nsec) * 1e-9;
-}
-
-ContentType typeFor(const std::optional<std::string>& name, bool folder) {
-  if (folder) return ContentType::folder();
-  if (!name) return ContentType::data();
-  size_t dot = name->rfind('.');
-  if (dot == std::string::npos || dot == 0 || dot + 1 == name->size()) return ContentType::data();
-  return ContentType::typeWithFilenameExtension(std::string_view(*name).substr(dot + 1));
-}
-
-// The item as the user now sees it, for the extension.
-NSFileProviderItemTemplate templateOf(const NodeInfo& info) {
-  NSFileProviderItemTemplate t;
-  const ItemRecord& r = info.record;
-  t.identifier = r.identifier;
-  t.parentIdentifier = info.parentIdentifier;
-  t.name = r.filename;
-  t.itemCapabilities = r.capabilities;
-  t.type = typeFor(r.filename, r.folder);
-  t.version = r.version;
-  t.size = r.folder ? 0 : r.size;
-  t.created = r.created;
-  t.modified = r.modified;
-  t.used = r.modified;
-  return t;
-}
-
-// One answer of the framework's change shape, waited for with a bound.
-struct ChangeAnswer {
-  std::mutex mutex;
-  std::condition_variable done;
-  bool answered = false;
-  NSFileProviderItemRef item;
-  std::optional<Error> error;
-
-  NSFileProviderItemChangeHandler handler(const std::shared_ptr<ChangeAnswer>& self) {
-    return [self](NSFileProviderItemRef item, uint64_t, bool, std::optional<Error> error) {
-      std::lock_guard lock(self->mutex);
-      if (self->answered) return;
-      self->answered = true;
-      self->item = std::move(item);
-      self->error = std::move(error);
-      self->done.notify_all();
-    };
-  }
-  bool wait(std::chrono::seconds bound) {
-    std::unique_lock lock(mutex);
-    return done.wait_for(lock, bound, [&] { return answered; });
-  }
-};
-
-}  // namespace
+using namespace calls;
 
 uint32_t modeFor(const Attributes& a) {
   const bool writable = a.capabilities & Capability::Writing;
@@ -99,13 +34,13 @@ Folder::Folder(NSFileProviderReplicatedExtension& extension,
       invalidator_(invalidator),
       options_(std::move(options)),
       replica_(extension, invalidator),
-      copies_(extension, options_.cacheFolder + "/copies", options_.cacheLimit),
+      copies_(extension, options_.cacheFolder + "/copies", options_.cacheFolder,
+              options_.cacheLimit),
       working_(options_.cacheFolder + "/work"),
+      journal_(options_.cacheFolder + "/pending"),
       uploads_([this](Ino ino, Uploads::Done done) { attemptUpload(ino, std::move(done)); }) {
-  if (working_.leftovers())
-    log("driver: {} working copies of an earlier run are kept in {}", working_.leftovers(),
-        working_.folder());
   signalThread_ = std::thread([this] { signalLoop(); });
+  recover();
   if (manager_)
     manager_->setSignalHandler([this, gate = gate_](const std::string& container) {
       gate->pass([&] {
@@ -118,15 +53,22 @@ Folder::Folder(NSFileProviderReplicatedExtension& extension,
 
 Folder::~Folder() {
   if (manager_) manager_->setSignalHandler(nullptr);
+  std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> open;
   {
     MutexLock lock(mutex_);
     stopping_ = true;
     signalled_.notify_all();
-    for (auto& [handle, file] : files_) ::close(file->fd);
-    files_.clear();
+    open.swap(files_);
+  }
+  // Writes to files still open are kept for the next mount.
+  for (auto& [handle, file] : open) {
+    if (file->writer && working_.unrecorded(file->ino)) (void)persist(file->ino);
+    ::close(file->fd);
+    for (int fd : file->retired) ::close(fd);
   }
   signalThread_.join();
   gate_->close();
+  if (lock_ >= 0) ::close(lock_);
 }
 
 bool Folder::finish(std::chrono::milliseconds bound) { return uploads_.drain(bound); }
@@ -195,28 +137,61 @@ Result<Attributes> Folder::setattr(Ino ino, std::optional<uint64_t> size,
       if (::ftruncate(file->fd, static_cast<off_t>(*size)) != 0) return errnoFailure(errno);
       working_.changed(ino);
     } else {
-      auto fd = working_.openWriter(
-          ino, *size == 0, false, [&] { return readCloudCopy(ino, *info); }, info->record.modified);
-      if (!fd) return fd.failure();
-      replica_.pin(ino, true);
-      int error = ::ftruncate(*fd, static_cast<off_t>(*size)) == 0 ? 0 : errno;
-      ::close(*fd);
-      working_.changed(ino);
-      if (auto sealed = working_.closeWriter(ino)) uploads_.schedule(ino, sealed->generation);
-      if (error) return errnoFailure(error);
+      auto done = rewrite(ino, *info, *size == 0, [&](int fd) {
+        return ::ftruncate(fd, static_cast<off_t>(*size)) == 0 ? 0 : errno;
+      });
+      if (!done) return done.failure();
     }
   }
-  if (modified) {
-    // Only local contents carry a time of their own until they are sent.
-    if (auto path = working_.newest(ino)) {
-      struct timespec times[2];
-      times[0].tv_nsec = UTIME_OMIT;
-      times[1].tv_sec = static_cast<time_t>(*modified);
-      times[1].tv_nsec = static_cast<long>((*modified - static_cast<Date>(times[1].tv_sec)) * 1e9);
-      ::utimensat(AT_FDCWD, path->c_str(), times, 0);
-    }
-  }
+  if (modified && !info->record.folder) setTime(ino, *info, *modified);
   return getattr(ino);
+}
+
+Result<void> Folder::rewrite(Ino ino, const NodeInfo& info, bool truncate,
+                             const std::function<int(int fd)>& change) {
+  auto fd = working_.openWriter(
+      ino, truncate, false,
+      [&]() -> Result<int> {
+        auto copy = readCloudCopy(ino, info, false);
+        if (!copy) return copy.failure();
+        return copy->fd;
+      },
+      info.record.modified);
+  if (!fd) return fd.failure();
+  replica_.pin(ino, true);
+  int error = change(*fd);
+  ::close(*fd);
+  working_.changed(ino);
+  if (auto sealed = working_.closeWriter(ino)) uploads_.schedule(ino, sealed->generation);
+  if (auto recorded = persist(ino); !recorded && !error) return recorded;
+  if (error) return errnoFailure(error);
+  return {};
+}
+
+void Folder::setTime(Ino ino, const NodeInfo& info, Date modified) {
+  struct timespec times[2];
+  times[0].tv_nsec = UTIME_OMIT;
+  times[1].tv_sec = static_cast<time_t>(std::floor(modified));
+  times[1].tv_nsec = static_cast<long>((modified - std::floor(modified)) * 1e9);
+  if (!working_.newest(ino)) {
+    // In step with the cloud, which keeps whole seconds: a new time goes
+    // with the contents, as any change of them does.
+    const bool writable = (info.record.capabilities & Capability::Writing) &&
+                          info.parent != kTrashIno && !info.provisional;
+    if (!writable || std::floor(modified) == std::floor(info.record.modified)) return;
+    (void)rewrite(ino, info, false, [&](int fd) { return ::futimens(fd, times) == 0 ? 0 : errno; });
+    return;
+  }
+  auto path = working_.newest(ino);
+  if (!path) return;
+  ::utimensat(AT_FDCWD, path->c_str(), times, 0);
+  // A sealed state goes again (an upload that left carried the old time);
+  // a working copy open for writing is sealed with it at its last close.
+  if (auto again = working_.touched(ino))
+    uploads_.schedule(ino, again->generation);
+  else
+    working_.changed(ino);
+  (void)persist(ino);
 }
 
 Result<struct statvfs> Folder::statfs() {
@@ -227,8 +202,8 @@ Result<struct statvfs> Folder::statfs() {
 
 // --- contents ----------------------------------------------------------
 
-Result<int> Folder::readCloudCopy(Ino ino, const NodeInfo& info) {
-  auto opened = copies_.open(info.record.identifier, info.record.version);
+Result<Copies::Opened> Folder::readCloudCopy(Ino ino, const NodeInfo& info, bool hold) {
+  auto opened = copies_.open(info.record.identifier, info.record.version, hold);
   if (!opened) return opened.failure();
   if (opened->fetched && opened->fetched->version != info.record.version) {
     // The provider delivered newer contents than we knew of.
@@ -238,7 +213,7 @@ Result<int> Folder::readCloudCopy(Ino ino, const NodeInfo& info) {
     newer.filename = info.record.filename;
     replica_.apply(ino, newer);
   }
-  return opened->fd;
+  return opened;
 }
 
 Result<Opened> Folder::open(Ino ino, int flags) {
@@ -250,21 +225,43 @@ Result<Opened> Folder::open(Ino ino, int flags) {
     if (!(info->record.capabilities & Capability::Writing) || info->parent == kTrashIno)
       return errnoFailure(EACCES);
     auto fd = working_.openWriter(
-        ino, flags & O_TRUNC, flags & O_APPEND, [&] { return readCloudCopy(ino, *info); },
+        ino, flags & O_TRUNC, flags & O_APPEND,
+        [&]() -> Result<int> {
+          auto copy = readCloudCopy(ino, *info, false);
+          if (!copy) return copy.failure();
+          return copy->fd;
+        },
         info->record.modified);
     if (!fd) return fd.failure();
     replica_.pin(ino, true);
-    return track(OpenFile{ino, *fd, true}, std::nullopt);
+    return track(OpenFile{ino, *fd, true, {}, {}, {}}, std::nullopt);
   }
   if (auto path = working_.newest(ino)) {
     int fd = ::open(path->c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) return track(OpenFile{ino, fd, false}, std::nullopt);
+    if (fd >= 0) return track(OpenFile{ino, fd, false, *path, {}, {}}, std::nullopt);
   }
-  auto fd = readCloudCopy(ino, *info);
-  if (!fd) return fd.failure();
+  auto copy = readCloudCopy(ino, *info, true);
+  if (!copy) return copy.failure();
   auto now = replica_.info(ino);
-  return track(OpenFile{ino, *fd, false},
+  return track(OpenFile{ino, copy->fd, false, {}, copy->file, {}},
                now && now->record.version ? now->record.version->contentVersion : std::string());
+}
+
+int Folder::readable(OpenFile& file) {
+  if (file.writer) return file.fd;
+  auto newest = working_.newest(file.ino);
+  MutexLock lock(readMutex_);
+  if (newest && *newest != file.local) {
+    // Another program wrote the file since this one opened it. The old
+    // descriptor may be in use by a read running now: it stays open.
+    int fd = ::open(newest->c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+      file.retired.push_back(file.fd);
+      file.fd = fd;
+      file.local = *newest;
+    }
+  }
+  return file.fd;
 }
 
 void Folder::written(OpenFile& file) { working_.changed(file.ino); }
@@ -295,71 +292,33 @@ void Folder::release(OpenFile* handle) {
     files_.erase(it);
   }
   ::close(file->fd);
+  for (int fd : file->retired) ::close(fd);
+  if (!file->copy.empty()) copies_.closed(file->copy);
   if (!file->writer) return;
-  if (auto sealed = working_.closeWriter(file->ino))
+  auto sealed = working_.closeWriter(file->ino);
+  if (working_.unrecorded(file->ino)) (void)persist(file->ino);
+  if (sealed) {
     uploads_.schedule(file->ino, sealed->generation);
-  else if (!working_.newest(file->ino))
+  } else if (!working_.newest(file->ino)) {
+    journal_.erase(file->ino);
     replica_.pin(file->ino, false);
+  }
+}
+
+Result<void> Folder::flush(OpenFile& file) {
+  if (!file.writer || !working_.unrecorded(file.ino)) return {};
+  return persist(file.ino);
 }
 
 Result<void> Folder::fsync(OpenFile& file) {
   auto sealed = working_.seal(file.ino);
   if (!sealed) return sealed.failure();
   if (!*sealed) return {};
+  if (auto recorded = persist(file.ino); !recorded) return recorded;
   uploads_.schedule(file.ino, (*sealed)->generation);
   if (!uploads_.waitFor(file.ino, (*sealed)->generation))
     return errnoFailure(EIO, "the upload failed; it is tried again");
   return {};
-}
-
-void Folder::attemptUpload(Ino ino, Uploads::Done done) {
-  auto sealed = working_.pending(ino);
-  if (!sealed) return done(0, true);
-  auto info = replica_.info(ino);
-  if (!info || info->parent == 0 || info->parent == kTrashIno) {
-    // Writes to a file that was removed meanwhile go with it.
-    working_.drop(ino);
-    return done(sealed->generation, true);
-  }
-  struct stat st {};
-  if (::stat(sealed->path.c_str(), &st) != 0) {
-    log("driver: the local contents of {} are gone ({})", info->name, std::strerror(errno));
-    working_.drop(ino);
-    return done(sealed->generation, true);
-  }
-  NSFileProviderItemTemplate item = templateOf(*info);
-  item.size = static_cast<uint64_t>(st.st_size);
-  item.modified = item.used = mtimeOf(st);
-  const uint64_t generation = sealed->generation;
-  const std::string name = info->name;
-  auto handler = [this, gate = gate_, ino, generation, name, done](
-                     NSFileProviderItemRef reported, uint64_t, bool, std::optional<Error> error) {
-    gate->pass([&] {
-      if (error || !reported) {
-        log("driver: upload of {} failed ({})", name,
-            error ? std::to_string(error->code) : std::string("no item"));
-        return done(generation, false);
-      }
-      ItemRecord record = ItemRecord::of(*reported);
-      replica_.apply(ino, record);
-      auto keep = working_.uploaded(ino, generation);
-      if (keep && record.version)
-        copies_.adopt(record.identifier, *record.version, *keep);
-      else if (keep)
-        ::unlink(keep->c_str());
-      if (!working_.newest(ino)) replica_.pin(ino, false);
-      done(generation, true);
-    });
-  };
-  if (info->provisional)
-    extension_.createItemBasedOnTemplate(item,
-                                         Fields::Contents | Fields::Filename |
-                                             Fields::ParentItemIdentifier | Fields::CreationDate |
-                                             Fields::ContentModificationDate,
-                                         sealed->path, 0, {}, handler);
-  else
-    extension_.modifyItem(item, info->record.version, Fields::Contents, sealed->path, 0, {},
-                          handler);
 }
 
 // --- new items ---------------------------------------------------------
@@ -372,10 +331,7 @@ Result<Created> Folder::create(Ino parent, std::string_view name, int flags) {
     return errnoFailure(EPERM, "no new items here");
   if (!(folder->record.capabilities & Capability::Writing)) return errnoFailure(EACCES);
   ItemRecord record;
-  {
-    MutexLock lock(mutex_);
-    record.identifier = "__fp/" + std::to_string(++provisional_);
-  }
+  record.identifier = "__fp/" + std::to_string(++provisional_);
   record.parent = folder->record.identifier;
   record.filename = std::string(name);
   record.created = record.modified = nowDate();
@@ -392,7 +348,7 @@ Result<Created> Folder::create(Ino parent, std::string_view name, int flags) {
     return fd.failure();
   }
   return Created{withLocalContents(*added),
-                 track(OpenFile{added->ino, *fd, true}, std::nullopt).file};
+                 track(OpenFile{added->ino, *fd, true, {}, {}, {}}, std::nullopt).file};
 }
 
 Result<Attributes> Folder::mkdir(Ino parent, std::string_view name) {
@@ -404,10 +360,7 @@ Result<Attributes> Folder::mkdir(Ino parent, std::string_view name) {
   if (!(folder->record.capabilities & Capability::Writing)) return errnoFailure(EACCES);
   if (replica_.find(parent, name)) return errnoFailure(EEXIST);
   NSFileProviderItemTemplate item;
-  {
-    MutexLock lock(mutex_);
-    item.identifier = "__fp/" + std::to_string(++provisional_);
-  }
+  item.identifier = "__fp/" + std::to_string(++provisional_);
   item.parentIdentifier = folder->record.identifier;
   item.name = std::string(name);
   item.type = ContentType::folder();
@@ -460,6 +413,7 @@ Result<void> Folder::trash(Ino ino) {
     if (info->provisional) {
       // Never created: nothing to move to the trash.
       working_.drop(ino);
+      journal_.erase(ino);
       replica_.remove(ino, false);
       return true;
     }
@@ -488,6 +442,7 @@ Result<void> Folder::erase(Ino ino) {
   if (!answer->wait(options_.callBound)) return errnoFailure(EIO, "no answer to a deletion");
   if (answer->error) return errnoFailure(errnoFor(*answer->error));
   working_.drop(ino);
+  journal_.erase(ino);
   replica_.remove(ino, true);
   return {};
 }
@@ -509,6 +464,7 @@ Result<void> Folder::move(Ino ino, Ino newParent, std::string_view newName) {
       local.filename = std::string(newName);
       local.parent = target->record.identifier;
       replica_.apply(ino, local);
+      if (auto recorded = persist(ino); !recorded) result = recorded;
       return false;
     }
     if ((renamed && !(info->record.capabilities & Capability::Renaming)) ||
@@ -527,6 +483,7 @@ Result<void> Folder::move(Ino ino, Ino newParent, std::string_view newName) {
       if (!reply) return (result = reply.failure()), false;
       if (*reply) replica_.apply(ino, ItemRecord::of(**reply));
     }
+    if (working_.newest(ino)) (void)persist(ino);
     return false;
   });
   return result;

@@ -6,10 +6,16 @@
 // creations, modifications and deletions.
 //
 // What the user does and what the provider is asked:
-//   reading a file      one content fetch per item version, shared
+//   reading a file      one content fetch per item version, shared, kept in
+//                       a bounded cache (driver/Copies.h)
 //   writing a file      nothing until the last close: then creation (a new
 //                       file, under a provisional identifier) or a contents
-//                       modification, in the background; fsync waits for it
+//                       modification, in the background; fsync waits for it.
+//                       Each close (flush) first makes the written contents
+//                       and a record of where they go durable
+//                       (driver/Pending.h); what a killed mount left is sent
+//                       by the next one, or, where the cloud's item changed
+//                       meanwhile, made a conflicted copy beside it
 //   mkdir               creation of a folder, waited for
 //   rename in a folder  modification of the filename
 //   move                modification of the parent (filename first when both)
@@ -17,13 +23,16 @@
 //   mv out of .Trash    modification of the parent (a restore), then filename
 //                       and parent as asked, if the cloud put it elsewhere
 //   rm inside .Trash    deletion
-// A rename onto an existing item first moves that item to the trash.
+// A rename onto an existing item first moves that item to the trash; a file
+// not created yet is renamed here and created under its new name.
 // Symbolic and hard links are refused (EPERM); modes and owners cannot be
-// changed but the calls are accepted; a modification time set while local
-// contents wait for upload is the one the upload sends.
+// changed but the calls are accepted; a modification time is part of the
+// contents: set while local contents wait for upload, it is the one the
+// upload sends, and set on a file in step with the cloud, the contents go
+// again with it. A file open for reading sees what writers wrote since.
 //
-// Ownership: owns the replica, the copies, the working copies, the upload
-// queue and its signal thread; the extension, the manager and the
+// Ownership: owns the replica, the copies, the working copies, the pending
+// records, the upload queue and its signal thread; the extension, the manager and the
 // invalidator are its maker's and outlive it. Answers that arrive after the
 // folder went are dropped.
 // Threads: every operation may be called from any thread, several at once;
@@ -33,9 +42,12 @@
 
 #include <sys/statvfs.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -47,6 +59,7 @@
 
 #include "driver/Copies.h"
 #include "driver/Gate.h"
+#include "driver/Pending.h"
 #include "driver/Replica.h"
 #include "driver/Uploads.h"
 #include "driver/WorkingCopies.h"
@@ -66,6 +79,9 @@ struct OpenFile {
   Ino ino = 0;
   int fd = -1;
   bool writer = false;
+  std::string local;         // the local file a reader's fd is on, if any
+  std::string copy;          // the cached copy a reader holds, if any
+  std::vector<int> retired;  // earlier fds of a reader, closed at release
 };
 
 // Open files belong to the folder until released; one still open when the
@@ -95,6 +111,7 @@ class Folder {
   // Waits up to `bound` for uploads running or due; true when none is left.
   bool finish(std::chrono::milliseconds bound);
   Replica& replica() { return replica_; }
+  Copies::Use cacheUse() { return copies_.use(); }
 
   Result<Attributes> lookup(Ino parent, std::string_view name);
   void forget(Ino ino, uint64_t count);
@@ -104,7 +121,12 @@ class Folder {
                              OpenFile* file);
   Result<std::vector<Child>> list(Ino folder);
   Result<Opened> open(Ino ino, int flags);
+  // The descriptor a read goes to: a reader moves to local contents
+  // written since it opened.
+  int readable(OpenFile& file) EXCLUDES(readMutex_);
   void written(OpenFile& file);
+  // A close of the file: what writers wrote is made durable first.
+  Result<void> flush(OpenFile& file);
   void release(OpenFile* file);
   Result<void> fsync(OpenFile& file);
   Result<Created> create(Ino parent, std::string_view name, int flags);
@@ -120,10 +142,44 @@ class Folder {
   // the kernel's cache while unchanged; none: local contents, never kept.
   Opened track(OpenFile file, const std::optional<std::string>& version) EXCLUDES(mutex_);
   Attributes withLocalContents(Attributes attributes);
-  // A descriptor on the cloud's contents; newer contents the fetch brought
-  // update the replica.
-  Result<int> readCloudCopy(Ino ino, const NodeInfo& info);
+  // The cloud's contents; newer contents the fetch brought update the
+  // replica. With `hold`, the copy stays until the file is released.
+  Result<Copies::Opened> readCloudCopy(Ino ino, const NodeInfo& info, bool hold);
+  // Makes new local contents from the current ones, changed by `change`
+  // (given the descriptor; 0 or an errno), and queues them for upload.
+  Result<void> rewrite(Ino ino, const NodeInfo& info, bool truncate,
+                       const std::function<int(int fd)>& change);
+  void setTime(Ino ino, const NodeInfo& info, Date modified);
+
+  // --- uploads (FolderUploads.cc) ---------------------------------------
+  struct Sent {
+    bool ok = false;
+    Outcome outcome = Outcome::Contents;
+    NSFileProviderItemRef item;         // what the cloud reported for the contents
+    std::optional<ItemRecord> current;  // the item the contents were meant for, as it was
+    std::string placed;                 // identifier of the folder the contents went to
+  };
+  struct Recovered {
+    std::string record;  // its name in the pending folder
+    PendingUpload upload;
+  };
+  static PendingUpload pendingOf(const NodeInfo& info, const std::string& file);
+  // Makes the inode's unsent contents durable, or forgets them when none.
+  Result<void> persist(Ino ino);
+  void recover();
   void attemptUpload(Ino ino, Uploads::Done done);
+  void attemptRecovered(Ino ino, Uploads::Done done);
+  // Sends `file` for `upload`, as decided against the cloud's item when
+  // the item exists, or against what has its name when `check`; a creation
+  // goes under `asIdentifier` when one is given. Reports once, from any
+  // thread.
+  void send(const PendingUpload& upload, const std::string& file, bool check,
+            const std::string& asIdentifier, std::function<void(Sent)> report);
+  void uploadReported(Ino ino, uint64_t generation, const Sent& sent);
+  Result<std::optional<ItemRecord>> lookupItem(const std::string& identifier);
+  Result<std::optional<ItemRecord>> childNamed(const std::string& folder, const std::string& name);
+  // Has the signal thread run the container's change report.
+  void refresh(const std::string& container) EXCLUDES(mutex_);
   Result<NSFileProviderItemRef> modify(const NodeInfo& info, uint64_t fields,
                                        const std::optional<std::string>& name,
                                        const std::optional<std::string>& parent);
@@ -143,7 +199,13 @@ class Folder {
   Replica replica_;
   Copies copies_;
   WorkingCopies working_;
-  Uploads uploads_;
+  Journal journal_;
+  int lock_ = -1;  // held while this folder owns the domain's pending records
+
+  Mutex readMutex_;  // readers' descriptors
+  Mutex recoveryMutex_;
+  std::map<Ino, Recovered> recovered_ GUARDED_BY(recoveryMutex_);
+  std::atomic<uint64_t> provisional_{0};
 
   Mutex mutex_;
   std::condition_variable_any signalled_;
@@ -151,9 +213,10 @@ class Folder {
   bool stopping_ GUARDED_BY(mutex_) = false;
   // The content version the kernel's page cache holds for each inode.
   std::unordered_map<Ino, std::string> cachedVersion_ GUARDED_BY(mutex_);
-  uint64_t provisional_ GUARDED_BY(mutex_) = 0;
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> files_ GUARDED_BY(mutex_);
   std::thread signalThread_;
+  // Last: its worker calls into every member above, so it stops first.
+  Uploads uploads_;
 };
 
 }  // namespace hvfp::driver

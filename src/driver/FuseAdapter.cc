@@ -161,7 +161,7 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
 void opRead(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info* fi) {
   fuse_bufvec buf = FUSE_BUFVEC_INIT(size);
   buf.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
-  buf.buf[0].fd = fileOf(fi)->fd;
+  buf.buf[0].fd = folderOf(req).readable(*fileOf(fi));
   buf.buf[0].pos = off;
   fuse_reply_data(req, &buf, FUSE_BUF_SPLICE_MOVE);
 }
@@ -179,7 +179,11 @@ void opWriteBuf(fuse_req_t req, fuse_ino_t, fuse_bufvec* in, off_t off, fuse_fil
   fuse_reply_write(req, static_cast<size_t>(written));
 }
 
-void opFlush(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
+// Every close(2) comes here before it returns; the release comes later.
+void opFlush(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
+  auto done = folderOf(req).flush(*fileOf(fi));
+  fuse_reply_err(req, done ? 0 : errnoOf(done.failure()));
+}
 
 void opRelease(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
   folderOf(req).release(fileOf(fi));

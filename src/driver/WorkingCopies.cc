@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <vector>
 
@@ -55,17 +56,20 @@ int copyFile(const std::string& from, const std::string& to) {
 
 }  // namespace
 
-WorkingCopies::WorkingCopies(std::string folder) : folder_(std::move(folder)) {
+WorkingCopies::WorkingCopies(std::string folder)
+    : folder_(std::move(folder)),
+      // A process id alone comes back (containers start with the same ones).
+      run_(std::to_string(std::chrono::system_clock::now().time_since_epoch().count()) + "-" +
+           std::to_string(::getpid())) {
   std::error_code ec;
   std::filesystem::create_directories(folder_, ec);
   for (auto it = std::filesystem::directory_iterator(folder_, ec);
        !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
-    ++leftovers_;
+    leftovers_.push_back(it->path().string());
 }
 
 std::string WorkingCopies::newFile(Ino ino) {
-  return folder_ + "/" + std::to_string(::getpid()) + "-" + std::to_string(ino) + "-" +
-         std::to_string(++files_);
+  return folder_ + "/" + run_ + "-" + std::to_string(ino) + "-" + std::to_string(++files_);
 }
 
 WorkingCopies::Local* WorkingCopies::idleLocal(Ino ino, MutexLock& lock) {
@@ -99,7 +103,7 @@ Result<int> WorkingCopies::openWriter(Ino ino, bool truncate, bool append,
         ::close(fd);
         return errnoFailure(e);
       }
-      local->dirty = true;
+      local->dirty = local->unrecorded = true;
     }
     ++local->writers;
     return fd;
@@ -157,12 +161,33 @@ Result<int> WorkingCopies::openWriter(Ino ino, bool truncate, bool append,
   now.pathGeneration = 0;
   now.writers = 1;
   now.dirty = truncate;
+  now.unrecorded = now.unrecorded || truncate;
   return fd;
 }
 
 void WorkingCopies::changed(Ino ino) {
   MutexLock lock(mutex_);
-  if (auto it = locals_.find(ino); it != locals_.end()) it->second.dirty = true;
+  if (auto it = locals_.find(ino); it != locals_.end())
+    it->second.dirty = it->second.unrecorded = true;
+}
+
+bool WorkingCopies::unrecorded(Ino ino) {
+  MutexLock lock(mutex_);
+  auto it = locals_.find(ino);
+  if (it == locals_.end() || !it->second.unrecorded) return false;
+  it->second.unrecorded = false;
+  return true;
+}
+
+std::optional<Sealed> WorkingCopies::touched(Ino ino) {
+  MutexLock lock(mutex_);
+  Local* local = idleLocal(ino, lock);
+  if (!local || local->pathGeneration == 0) return std::nullopt;
+  uint64_t generation = ++generations_;
+  local->pathGeneration = generation;
+  local->waiting[generation] = local->path;
+  local->unrecorded = true;
+  return Sealed{generation, local->path};
 }
 
 std::optional<Sealed> WorkingCopies::closeWriter(Ino ino) {

@@ -10,9 +10,10 @@
 // and serves. Each sealed state carries a generation number, increasing
 // over the whole process, so an upload's report names what it carried.
 //
-// Ownership: owns the files it makes under `folder`; files left from an
-// earlier run are left alone. Threads: any thread; file copies run without
-// the lock, while other callers for the same inode wait.
+// Ownership: owns the files it makes under `folder`, named apart from any
+// earlier run's; files left from an earlier run are its maker's to keep or
+// remove. Threads: any thread; file copies run without the lock, while
+// other callers for the same inode wait.
 #pragma once
 
 #include <condition_variable>
@@ -22,6 +23,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "driver/Replica.h"
 #include "platform/Result.h"
@@ -41,8 +43,8 @@ class WorkingCopies {
   WorkingCopies& operator=(const WorkingCopies&) = delete;
 
   const std::string& folder() const { return folder_; }
-  // How many files an earlier run left in the folder.
-  size_t leftovers() const { return leftovers_; }
+  // The files an earlier run left in the folder.
+  const std::vector<std::string>& leftovers() const { return leftovers_; }
 
   // The newest local contents of the inode, when the cloud may lack them.
   std::optional<std::string> newest(Ino ino) EXCLUDES(mutex_);
@@ -56,6 +58,13 @@ class WorkingCopies {
       EXCLUDES(mutex_);
   // A writer changed the working copy.
   void changed(Ino ino) EXCLUDES(mutex_);
+  // Whether the local contents changed since the last call said so: true
+  // once after each change, for the caller to make the change durable.
+  bool unrecorded(Ino ino) EXCLUDES(mutex_);
+  // The newest local file's modification time was set. When that file is
+  // sealed already (its upload may have left with the old time), it is
+  // sealed again under a new generation, returned, so the time is sent.
+  std::optional<Sealed> touched(Ino ino) EXCLUDES(mutex_);
   // A writer left; when it was the last and the copy changed, the copy is
   // sealed and returned, for upload.
   std::optional<Sealed> closeWriter(Ino ino) EXCLUDES(mutex_);
@@ -78,6 +87,7 @@ class WorkingCopies {
     uint64_t pathGeneration = 0;  // of `path` once sealed; 0 while it may change
     int writers = 0;
     bool dirty = false;
+    bool unrecorded = false;                  // changed since the caller last recorded it
     bool busy = false;                        // a file copy for it runs
     std::map<uint64_t, std::string> waiting;  // sealed, not yet reported
   };
@@ -86,7 +96,8 @@ class WorkingCopies {
   Local* idleLocal(Ino ino, MutexLock& lock) REQUIRES(mutex_);
 
   const std::string folder_;
-  size_t leftovers_ = 0;
+  const std::string run_;  // names this run's files apart
+  std::vector<std::string> leftovers_;
   Mutex mutex_;
   std::condition_variable_any idle_;
   std::unordered_map<Ino, Local> locals_ GUARDED_BY(mutex_);

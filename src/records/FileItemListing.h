@@ -5,8 +5,10 @@
 // listing are made in one block that also keeps the reply text, and their
 // texts borrow from it where the reply has no escapes. Each HVFileItemRef
 // shares that block: the block lives while any of its records is held.
-// The whole text is still validated, so a reply that is not valid JSON
-// gives no listing at all. Reentrant; any thread.
+// The whole text is still validated, so a reply that is not valid JSON, or
+// nests deeper than kMaxJsonDepth, gives no listing at all; a number past 64
+// bits is valid JSON and reads as the tree reader reads it (an absent key).
+// Reentrant; any thread.
 #pragma once
 
 #include <cstdint>
@@ -29,5 +31,11 @@ struct FileItemListing {
 
 // std::nullopt when the text is not a valid JSON object.
 std::optional<FileItemListing> readFileItemListing(std::string text);
+
+// The reader is built once per instruction set. The copies this CPU can run,
+// widest first; readFileItemListing uses the first. Lets the tests hold every
+// copy to the same results, not only the one this machine would pick.
+using FileItemListingReader = std::optional<FileItemListing> (*)(std::string text);
+std::vector<FileItemListingReader> fileItemListingReaders();
 
 }  // namespace hvfp

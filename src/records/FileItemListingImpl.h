@@ -1,6 +1,13 @@
 // The listing reader's body, compiled once per instruction set (see
 // FileItemListing.cc): simdjson picks its streaming parser's implementation
 // from the compiler's target flags. Include only with HVFP_LISTING_NS set.
+//
+// Code built for a wider instruction set must never run on a CPU that lacks
+// it. Everything here is in a namespace of its own instruction set, and the
+// including file is compiled with -fwhole-program (GCC): every function it
+// holds, the inline library code it instantiates included, gets internal
+// linkage, so the linker cannot hand one copy to another file. Only the
+// entry point below is exported (scripts/check-isa.sh checks both).
 #include <simdjson.h>
 
 #include <cstring>
@@ -11,6 +18,12 @@
 #include "records/FileItemListing.h"
 #include "records/FileItemSlots.h"
 
+#if defined(__GNUC__) && !defined(__clang__)
+#define HVFP_LISTING_ENTRY __attribute__((externally_visible))
+#else
+#define HVFP_LISTING_ENTRY
+#endif
+
 namespace hvfp::HVFP_LISTING_NS {
 namespace {
 
@@ -18,43 +31,64 @@ namespace od = simdjson::ondemand;
 using simdjson::error_code;
 using simdjson::SUCCESS;
 
-// Well under the parser's own limit (1024), which its streaming API only asserts.
-constexpr int kMaxDepth = 256;
+// Entries sit three containers deep: the reply, "list", the entry.
+static_assert(kMaxJsonDepth > 3);
 constexpr size_t kReuseLimit = size_t{1} << 20;
 constexpr size_t kCacheLimit = size_t{64} << 20;
 
+bool isSpace(char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+
+// A raw token runs up to the next structural character, white space included.
+std::string_view trimmed(std::string_view token) {
+  while (!token.empty() && isSpace(token.back())) token.remove_suffix(1);
+  return token;
+}
+
+// A number the parser cannot hold (past 64 bits) but that is valid JSON
+// reads as a value of the wrong kind; anything else it refuses stays an error.
+error_code bigNumber(od::value& v, error_code e, JsonScalar& out) {
+  if (e != simdjson::NUMBER_ERROR || !isJsonNumberText(trimmed(v.raw_json_token()))) return e;
+  out = JsonScalar{};
+  out.kind = JsonScalar::Kind::BigNumber;
+  return SUCCESS;
+}
+
 // Reads and checks a value nobody asked for, so that invalid JSON anywhere in
-// the reply is caught as the platform parser would catch it.
-error_code consume(od::value v, int depth) {
-  if (depth > kMaxDepth) return simdjson::DEPTH_ERROR;
+// the reply is caught as the tree parser would catch it. `depth`: containers
+// around `v`, the reply itself being 1.
+error_code consume(od::value& v, int depth) {
   od::json_type type;
   if (auto e = v.type().get(type)) return e;
   switch (type) {
     case od::json_type::array: {
+      if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
       od::array a;
       if (auto e = v.get_array().get(a)) return e;
       for (auto element : a) {
-        od::value x;
-        if (auto e = element.get(x)) return e;
+        if (auto e = element.error()) return e;
+        od::value&& x = std::move(element).value_unsafe();
         if (auto e = consume(x, depth + 1)) return e;
       }
       return SUCCESS;
     }
     case od::json_type::object: {
+      if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
       od::object o;
       if (auto e = v.get_object().get(o)) return e;
-      for (auto field : o) {
+      for (auto result : o) {
+        if (auto e = result.error()) return e;
+        od::field&& field = std::move(result).value_unsafe();
         std::string_view key;
         if (auto e = field.unescaped_key().get(key)) return e;
-        od::value x;
-        if (auto e = field.value().get(x)) return e;
-        if (auto e = consume(x, depth + 1)) return e;
+        if (auto e = consume(field.value(), depth + 1)) return e;
       }
       return SUCCESS;
     }
     case od::json_type::number: {
       od::number n;
-      return v.get_number().get(n);
+      JsonScalar ignored;
+      if (auto e = v.get_number().get(n)) return bigNumber(v, e, ignored);
+      return SUCCESS;
     }
     case od::json_type::string: {
       std::string_view s;
@@ -73,34 +107,42 @@ error_code consume(od::value v, int depth) {
   return simdjson::INCORRECT_TYPE;
 }
 
-// Length of the JSON string text at `p` (just after its opening quote) up to
-// its closing quote, or npos when a backslash comes first: such a string
-// needs unescaping. Strings are short here; a plain loop beats memchr.
-size_t plainStringLength(const char* p) {
-  for (size_t i = 0;; ++i) {
-    if (p[i] == '"') return i;
-    if (p[i] == '\\') return std::string_view::npos;
-  }
+bool hasBackslash(std::string_view s) { return std::memchr(s.data(), '\\', s.size()) != nullptr; }
+
+// The key of `field` as it stands in the reply, between its quotes, found
+// from where its value starts: only white space and the colon lie between.
+// Saves scanning every key of every entry byte by byte.
+std::string_view rawKey(od::field& field) {
+  const char* start = field.key().raw();
+  const char* end = field.value().raw_json_token().data() - 1;
+  while (*end != ':') --end;
+  --end;
+  while (*end != '"') --end;
+  return std::string_view(start, static_cast<size_t>(end - start));
 }
 
-// A key without escapes is read straight from the reply; only a key with a
-// backslash costs an unescaping copy.
-error_code fieldKey(od::field& field, std::string_view& key) {
-  const char* raw = field.key().raw();
-  size_t length = plainStringLength(raw);
-  if (length != std::string_view::npos) {
-    key = std::string_view(raw, length);
-    return SUCCESS;
-  }
-  return field.unescaped_key().get(key);
+// The record slot `field` fills, if any. Known keys hold no escapes, so the
+// raw text is compared first; only an unknown key with a backslash costs an
+// unescaping copy.
+error_code slotOf(od::field& field, std::optional<FileItemKey>& slot) {
+  std::string_view raw = rawKey(field);
+  slot = fileItemKeyOf(raw);
+  if (slot || !hasBackslash(raw)) return SUCCESS;
+  std::string_view key;
+  if (auto e = field.unescaped_key().get(key)) return e;
+  slot = fileItemKeyOf(key);
+  return SUCCESS;
 }
 
-error_code readString(od::value v, JsonScalar& out) {
+// A text without escapes is read straight from the reply (it ends at the
+// last quote of its raw token); only a text with a backslash is unescaped.
+error_code readString(od::value& v, JsonScalar& out) {
   out.kind = JsonScalar::Kind::String;
-  const char* token = v.raw_json_token().data();
-  size_t length = plainStringLength(token + 1);
-  if (length != std::string_view::npos) {
-    out.s = std::string_view(token + 1, length);
+  std::string_view token = trimmed(v.raw_json_token());
+  bool whole = token.size() >= 2 && token.back() == '"';
+  std::string_view text = whole ? token.substr(1, token.size() - 2) : std::string_view();
+  if (whole && !hasBackslash(text)) {
+    out.s = text;
     out.stable = true;  // points into the reply text that the block keeps
     od::raw_json_string skip;
     return v.get_raw_json_string().get(skip);
@@ -109,28 +151,44 @@ error_code readString(od::value v, JsonScalar& out) {
   return v.get_string().get(out.s);
 }
 
-error_code readScalar(od::value v, JsonScalar& out, int depth) {
+error_code readNumber(od::value& v, JsonScalar& out) {
+  // Most numbers of a listing are sizes, times and ids: try the plain
+  // unsigned reading first, which checks the literal as strictly.
+  uint64_t u;
+  if (v.get_uint64().get(u) == SUCCESS) {
+    if (u <= uint64_t(INT64_MAX)) {
+      out.kind = JsonScalar::Kind::Int;
+      out.i = static_cast<int64_t>(u);
+    } else {
+      out.kind = JsonScalar::Kind::UInt;
+      out.u = u;
+    }
+    return SUCCESS;
+  }
+  od::number n;
+  if (auto e = v.get_number().get(n)) return bigNumber(v, e, out);
+  switch (n.get_number_type()) {
+    case od::number_type::signed_integer:
+      out.kind = JsonScalar::Kind::Int;
+      out.i = n.get_int64();
+      break;
+    case od::number_type::unsigned_integer:
+      out.kind = JsonScalar::Kind::UInt;
+      out.u = n.get_uint64();
+      break;
+    default:
+      out.kind = JsonScalar::Kind::Double;
+      out.d = n.get_double();
+  }
+  return SUCCESS;
+}
+
+error_code readScalar(od::value& v, JsonScalar& out, int depth) {
   od::json_type type;
   if (auto e = v.type().get(type)) return e;
   switch (type) {
-    case od::json_type::number: {
-      od::number n;
-      if (auto e = v.get_number().get(n)) return e;
-      switch (n.get_number_type()) {
-        case od::number_type::signed_integer:
-          out.kind = JsonScalar::Kind::Int;
-          out.i = n.get_int64();
-          break;
-        case od::number_type::unsigned_integer:
-          out.kind = JsonScalar::Kind::UInt;
-          out.u = n.get_uint64();
-          break;
-        default:
-          out.kind = JsonScalar::Kind::Double;
-          out.d = n.get_double();
-      }
-      return SUCCESS;
-    }
+    case od::json_type::number:
+      return readNumber(v, out);
     case od::json_type::string:
       return readString(v, out);
     case od::json_type::boolean:
@@ -143,7 +201,8 @@ error_code readScalar(od::value v, JsonScalar& out, int depth) {
   }
 }
 
-error_code readEntry(od::value v, HVFileItem& record) {
+// An entry of "list", three containers deep.
+error_code readEntry(od::value& v, HVFileItem& record) {
   od::json_type type;
   if (auto e = v.type().get(type)) return e;
   if (type != od::json_type::object) return consume(v, 2);
@@ -151,11 +210,10 @@ error_code readEntry(od::value v, HVFileItem& record) {
   if (auto e = v.get_object().get(o)) return e;
   FileItemSlots slots;
   for (auto result : o) {
-    od::field field;
-    if (auto e = std::move(result).get(field)) return e;
-    std::string_view key;
-    if (auto e = fieldKey(field, key)) return e;
-    auto slot = fileItemKeyOf(key);
+    if (auto e = result.error()) return e;
+    od::field&& field = std::move(result).value_unsafe();
+    std::optional<FileItemKey> slot;
+    if (auto e = slotOf(field, slot)) return e;
     if (auto e = slot ? readScalar(field.value(), slots[*slot], 3) : consume(field.value(), 3))
       return e;
   }
@@ -237,7 +295,7 @@ struct ListingBlock {
   }
 };
 
-error_code readList(od::value v, ListingBlock& block) {
+error_code readList(od::value& v, ListingBlock& block) {
   block.clear();
   od::json_type type;
   if (auto e = v.type().get(type)) return e;
@@ -245,8 +303,8 @@ error_code readList(od::value v, ListingBlock& block) {
   od::array a;
   if (auto e = v.get_array().get(a)) return e;
   for (auto element : a) {
-    od::value x;
-    if (auto e = element.get(x)) return e;
+    if (auto e = element.error()) return e;
+    od::value&& x = std::move(element).value_unsafe();
     if (auto e = readEntry(x, block.add())) return e;
   }
   return SUCCESS;
@@ -261,10 +319,10 @@ error_code readListing(od::parser& parser, ListingBlock& block, uint64_t& lastti
   od::object top;
   if (auto e = doc.get_object().get(top)) return e;
   for (auto result : top) {
-    od::field field;
-    if (auto e = std::move(result).get(field)) return e;
+    if (auto e = result.error()) return e;
+    od::field&& field = std::move(result).value_unsafe();
     std::string_view key;
-    if (auto e = fieldKey(field, key)) return e;
+    if (auto e = field.unescaped_key().get(key)) return e;
     error_code e = SUCCESS;
     if (key == "list") {
       e = readList(field.value(), block);
@@ -302,7 +360,7 @@ error_code readWithParser(ListingBlock& block, uint64_t& lasttime) {
 
 }  // namespace
 
-std::optional<FileItemListing> readFileItemListing(std::string text) {
+HVFP_LISTING_ENTRY std::optional<FileItemListing> readFileItemListing(std::string text) {
   auto block = std::make_shared<ListingBlock>();
   block->text = std::move(text);
   FileItemListing out;

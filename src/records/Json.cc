@@ -11,38 +11,189 @@ namespace hvfp {
 namespace {
 
 namespace dom = simdjson::dom;
+namespace od = simdjson::ondemand;
+using simdjson::error_code;
+using simdjson::SUCCESS;
 
-JsonValue convert(dom::element e) {
+// `depth`: the level `e` sits at, the root being 1. The tree parser does
+// not count an empty container as a level, so its own limit sits one above
+// ours and the exact limit is kept here.
+bool convert(dom::element e, int depth, JsonValue& out) {
   switch (e.type()) {
     case dom::element_type::ARRAY: {
-      JsonArray out;
-      for (dom::element child : dom::array(e)) out.push_back(convert(child));
-      return out;
+      if (depth > kMaxJsonDepth) return false;
+      JsonArray items;
+      for (dom::element child : dom::array(e))
+        if (!convert(child, depth + 1, items.emplace_back())) return false;
+      out = std::move(items);
+      return true;
     }
     case dom::element_type::OBJECT: {
-      JsonObject out;
-      for (dom::key_value_pair kv : dom::object(e)) out[std::string(kv.key)] = convert(kv.value);
-      return out;
+      if (depth > kMaxJsonDepth) return false;
+      JsonObject members;
+      for (dom::key_value_pair kv : dom::object(e))
+        if (!convert(kv.value, depth + 1, members[std::string(kv.key)])) return false;
+      out = std::move(members);
+      return true;
     }
     case dom::element_type::INT64:
-      return int64_t(e);
+      out = int64_t(e);
+      return true;
     case dom::element_type::UINT64:
-      return uint64_t(e);
+      out = uint64_t(e);
+      return true;
     case dom::element_type::DOUBLE:
-      return double(e);
+      out = double(e);
+      return true;
     case dom::element_type::STRING:
-      return std::string_view(e);
+      out = std::string_view(e);
+      return true;
     case dom::element_type::BOOL:
-      return bool(e);
+      out = bool(e);
+      return true;
     case dom::element_type::NULL_VALUE:
-      return nullptr;
+      out = nullptr;
+      return true;
   }
-  return nullptr;
+  out = nullptr;
+  return true;
 }
 
 // Small replies reuse one parser per thread; a large one gets its own so the
 // thread does not keep its buffers for good.
 constexpr size_t kReuseLimit = size_t{1} << 20;
+
+// A parser that refuses what nests deeper than kMaxJsonDepth; the depth is
+// kept when the parser later grows for a larger text.
+bool limitDepth(dom::parser& parser) {
+  return parser.allocate(simdjson::dom::MINIMAL_DOCUMENT_CAPACITY, kMaxJsonDepth + 1) == SUCCESS;
+}
+
+// The DOM parser refuses a whole text for one number it cannot hold. Such a
+// text is read again by the streaming parser, which hands over the number's
+// raw text; everything else is checked as strictly as before. Only texts
+// with such a number (or with a broken one) take this slower path.
+class StreamingTree {
+ public:
+  static std::optional<JsonValue> read(std::string_view text) {
+    simdjson::padded_string padded(text);
+    od::parser parser;
+    od::document doc;
+    if (parser.iterate(padded).get(doc)) return std::nullopt;
+    od::json_type type;
+    if (doc.type().get(type)) return std::nullopt;
+    JsonValue out;
+    error_code e = simdjson::INCORRECT_TYPE;
+    if (type == od::json_type::array) {
+      od::array a;
+      e = doc.get_array().get(a);
+      if (!e) e = array(a, 1, out);
+    } else if (type == od::json_type::object) {
+      od::object o;
+      e = doc.get_object().get(o);
+      if (!e) e = object(o, 1, out);
+    }
+    if (e) return std::nullopt;
+    const char* end = nullptr;
+    if (doc.current_location().get(end) != simdjson::OUT_OF_BOUNDS) return std::nullopt;
+    return out;
+  }
+
+ private:
+  // `depth`: containers around `v`, the root being 1.
+  static error_code array(od::array a, int depth, JsonValue& out) {
+    JsonArray items;
+    for (auto element : a) {
+      od::value v;
+      if (auto e = element.get(v)) return e;
+      if (auto e = value(v, depth, items.emplace_back())) return e;
+    }
+    out = std::move(items);
+    return SUCCESS;
+  }
+
+  static error_code object(od::object o, int depth, JsonValue& out) {
+    JsonObject members;
+    for (auto field : o) {
+      std::string_view key;
+      if (auto e = field.unescaped_key().get(key)) return e;
+      JsonValue member;
+      if (auto e = value(field.value(), depth, member)) return e;
+      members[std::string(key)] = std::move(member);
+    }
+    out = std::move(members);
+    return SUCCESS;
+  }
+
+  static error_code value(od::value v, int depth, JsonValue& out) {
+    od::json_type type;
+    if (auto e = v.type().get(type)) return e;
+    switch (type) {
+      case od::json_type::array: {
+        if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
+        od::array a;
+        if (auto e = v.get_array().get(a)) return e;
+        return array(a, depth + 1, out);
+      }
+      case od::json_type::object: {
+        if (depth >= kMaxJsonDepth) return simdjson::DEPTH_ERROR;
+        od::object o;
+        if (auto e = v.get_object().get(o)) return e;
+        return object(o, depth + 1, out);
+      }
+      case od::json_type::number:
+        return number(v, out);
+      case od::json_type::string: {
+        std::string_view s;
+        if (auto e = v.get_string().get(s)) return e;
+        out = s;
+        return SUCCESS;
+      }
+      case od::json_type::boolean: {
+        bool b = false;
+        if (auto e = v.get_bool().get(b)) return e;
+        out = b;
+        return SUCCESS;
+      }
+      case od::json_type::null: {
+        bool isNull = false;
+        if (auto e = v.is_null().get(isNull)) return e;
+        out = nullptr;
+        return isNull ? SUCCESS : simdjson::N_ATOM_ERROR;
+      }
+    }
+    return simdjson::INCORRECT_TYPE;
+  }
+
+  static error_code number(od::value v, JsonValue& out) {
+    od::number n;
+    if (auto e = v.get_number().get(n)) {
+      std::string_view token = trimmedToken(v.raw_json_token());
+      if (e != simdjson::NUMBER_ERROR || !isJsonNumberText(token)) return e;
+      out = JsonNumberText{std::string(token)};
+      return SUCCESS;
+    }
+    switch (n.get_number_type()) {
+      case od::number_type::signed_integer:
+        out = n.get_int64();
+        break;
+      case od::number_type::unsigned_integer:
+        out = n.get_uint64();
+        break;
+      default:
+        out = n.get_double();
+    }
+    return SUCCESS;
+  }
+
+  // A raw token runs up to the next structural character, white space included.
+  static std::string_view trimmedToken(std::string_view token) {
+    while (!token.empty() && (token.back() == ' ' || token.back() == '\t' || token.back() == '\n' ||
+                              token.back() == '\r'))
+      token.remove_suffix(1);
+    return token;
+  }
+};
 
 }  // namespace
 
@@ -55,16 +206,47 @@ const JsonValue* JsonValue::find(std::string_view key) const {
 
 std::optional<JsonValue> objectFromJSONString(std::string_view text) {
   thread_local dom::parser shared;
+  thread_local bool sharedReady = limitDepth(shared);
   dom::parser own;
-  dom::parser& parser = text.size() <= kReuseLimit ? shared : own;
+  bool small = text.size() <= kReuseLimit && sharedReady;
+  if (!small && !limitDepth(own)) return std::nullopt;
+  dom::parser& parser = small ? shared : own;
   dom::element root;
-  if (parser.parse(text.data(), text.size()).get(root) != simdjson::SUCCESS) return std::nullopt;
+  error_code e = parser.parse(text.data(), text.size()).get(root);
+  if (e == simdjson::NUMBER_ERROR) return StreamingTree::read(text);
+  if (e != SUCCESS) return std::nullopt;
   if (!root.is_array() && !root.is_object()) return std::nullopt;
-  return convert(root);
+  JsonValue out;
+  if (!convert(root, 1, out)) return std::nullopt;
+  return out;
 }
 
 std::optional<JsonValue> objectFromJSONData(std::string_view bytes) {
   return objectFromJSONString(bytes);
+}
+
+bool isJsonNumberText(std::string_view token) {
+  size_t i = 0;
+  auto digits = [&] {
+    size_t start = i;
+    while (i < token.size() && token[i] >= '0' && token[i] <= '9') ++i;
+    return i > start;
+  };
+  if (i < token.size() && token[i] == '-') ++i;
+  if (i < token.size() && token[i] == '0')
+    ++i;
+  else if (!digits())
+    return false;
+  if (i < token.size() && token[i] == '.') {
+    ++i;
+    if (!digits()) return false;
+  }
+  if (i < token.size() && (token[i] == 'e' || token[i] == 'E')) {
+    ++i;
+    if (i < token.size() && (token[i] == '+' || token[i] == '-')) ++i;
+    if (!digits()) return false;
+  }
+  return i == token.size();
 }
 
 namespace {
@@ -89,14 +271,30 @@ void appendJsonString(std::string& out, std::string_view text) {
     out.append(text.data() + run, i - run);
     run = i + 1;
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '/': out += "\\/"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '/':
+        out += "\\/";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         out += "\\u00";
         out.push_back(kHex[c >> 4]);
@@ -114,6 +312,8 @@ std::optional<std::string> JSONString(const JsonValue& value) {
   // Walk once to refuse numbers JSON cannot hold, as the platform serializer does.
   auto check = [&](auto&& self, const JsonValue& v) -> void {
     if (auto* d = std::get_if<double>(&v.storage()); d && !std::isfinite(*d)) finite = false;
+    if (auto* n = std::get_if<JsonNumberText>(&v.storage()); n && !isJsonNumberText(n->text))
+      finite = false;
     if (auto* a = v.array())
       for (auto& x : *a) self(self, x);
     if (auto* o = v.object())
@@ -262,6 +462,13 @@ JsonWriter& JsonWriter::value(const JsonValue& v) {
           beginObject();
           for (const auto& [k, item] : x) key(k).value(item);
           endObject();
+        } else if constexpr (std::is_same_v<T, JsonNumberText>) {
+          if (!isJsonNumberText(x.text)) {
+            null();
+          } else {
+            separate();
+            out_ += x.text;
+          }
         } else {
           value(x);
         }

@@ -3,11 +3,15 @@
 // JsonValue is a plain value tree, the shape the host's replies take once
 // parsed: objects keep one member per key (a repeated key keeps its last
 // value) in sorted key order. Parsing runs simdjson and validates the whole
-// text; anything that is not a valid JSON array or object gives std::nullopt,
-// never an exception. Writing is compact, with the keys of every object in
-// sorted order and texts escaped as the platform serializer does: `"` and `\`
-// behind a backslash, control characters escaped, "/" written as "\/", every
-// other character as its UTF-8 bytes.
+// text; anything that is not a valid JSON array or object, or nests deeper
+// than kMaxJsonDepth, gives std::nullopt, never an exception. A number that
+// is valid JSON but too large for 64 bits (an integer past the 64-bit range,
+// a magnitude past the double range) is kept as its text (JsonNumberText):
+// one odd value must not cost the whole reply, and it writes back as it
+// came. Writing is compact, with the keys of every object in sorted order
+// and texts escaped as the platform serializer does: `"` and `\` behind a
+// backslash, control characters escaped, "/" written as "\/", every other
+// character as its UTF-8 bytes.
 //
 // JsonWriter streams the same format straight into a std::string for large
 // documents; the caller decides the key order (write keys sorted where the
@@ -25,6 +29,16 @@
 
 namespace hvfp {
 
+// Containers nested deeper than this make a text unreadable, for the value
+// tree and the streaming listing reader alike (the root counts as one).
+inline constexpr int kMaxJsonDepth = 256;
+
+// A number literal no 64-bit integer or double can hold, as it stood in the text.
+struct JsonNumberText {
+  std::string text;
+  bool operator==(const JsonNumberText&) const = default;
+};
+
 class JsonValue;
 using JsonArray = std::vector<JsonValue>;
 using JsonObject = std::map<std::string, JsonValue, std::less<>>;
@@ -32,7 +46,7 @@ using JsonObject = std::map<std::string, JsonValue, std::less<>>;
 class JsonValue {
  public:
   using Storage = std::variant<std::nullptr_t, bool, int64_t, uint64_t, double, std::string,
-                               JsonArray, JsonObject>;
+                               JsonArray, JsonObject, JsonNumberText>;
 
   JsonValue() : v_(nullptr) {}
   JsonValue(std::nullptr_t) : v_(nullptr) {}
@@ -49,12 +63,13 @@ class JsonValue {
   JsonValue(std::string s) : v_(std::move(s)) {}
   JsonValue(JsonArray a) : v_(std::move(a)) {}
   JsonValue(JsonObject o) : v_(std::move(o)) {}
+  JsonValue(JsonNumberText n) : v_(std::move(n)) {}
 
   bool isNull() const { return std::holds_alternative<std::nullptr_t>(v_); }
   bool isBool() const { return std::holds_alternative<bool>(v_); }
   bool isNumber() const {
     return std::holds_alternative<int64_t>(v_) || std::holds_alternative<uint64_t>(v_) ||
-           std::holds_alternative<double>(v_);
+           std::holds_alternative<double>(v_) || std::holds_alternative<JsonNumberText>(v_);
   }
   bool isString() const { return std::holds_alternative<std::string>(v_); }
   bool isArray() const { return std::holds_alternative<JsonArray>(v_); }
@@ -88,8 +103,15 @@ inline std::optional<JsonValue> dictionaryFromData(std::string_view bytes) {
   return objectFromJSONData(bytes);
 }
 
+// Whether `token` is exactly one number by the JSON grammar:
+// -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
+// The parser refuses literals it cannot hold; this tells those apart from
+// text that is not a number at all.
+bool isJsonNumberText(std::string_view token);
+
 // Compact text with sorted keys; std::nullopt unless the value is an array or
-// an object, or when it holds a number that JSON cannot express (NaN, inf).
+// an object, or when it holds a number that JSON cannot express (NaN, inf,
+// a JsonNumberText that is not a number). JsonWriter writes those as null.
 std::optional<std::string> JSONString(const JsonValue& value);
 // Same bytes as JSONString.
 inline std::optional<std::string> JSONData(const JsonValue& value) { return JSONString(value); }

@@ -40,6 +40,8 @@ JsonScalar JsonScalar::of(const JsonValue* v) {
         } else if constexpr (std::is_same_v<T, std::string>) {
           out.kind = Kind::String;
           out.s = x;
+        } else if constexpr (std::is_same_v<T, JsonNumberText>) {
+          out.kind = Kind::BigNumber;
         } else {
           out.kind = Kind::Container;
         }

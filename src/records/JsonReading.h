@@ -1,8 +1,9 @@
 // The reading rules that turn one JSON value of a host reply into a record
 // field. The host may send a number as a JSON number, a boolean or a decimal
 // text, so every integer field goes through integerReading. A JSON null, array
-// or object where a number or a text is expected reads as an absent key:
-// nothing in a reply's shape can make a record fail.
+// or object where a number or a text is expected reads as an absent key, and
+// so does a number too large for 64 bits (JsonNumberText): nothing in a
+// reply's shape can make a record fail.
 //
 // JsonScalar is a view of one value, made either from a JsonValue or by the
 // streaming listing parser, so both paths share these rules. It borrows its
@@ -21,7 +22,7 @@
 namespace hvfp {
 
 struct JsonScalar {
-  enum class Kind : uint8_t { Absent, Null, Bool, Int, UInt, Double, String, Container };
+  enum class Kind : uint8_t { Absent, Null, Bool, Int, UInt, Double, BigNumber, String, Container };
   Kind kind = Kind::Absent;
   // `s` lives as long as the record being filled (it points into a reply
   // text the record's owner keeps), so the record may borrow it.

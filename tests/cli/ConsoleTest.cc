@@ -10,6 +10,7 @@
 
 #include "cli/Console.h"
 #include "cli/ItemFormat.h"
+#include "cli/ProgressBar.h"
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"
 #include "platform/ipc/HostEvents.h"
@@ -216,6 +217,30 @@ TEST(CliFormat, Sizes) {
   EXPECT_EQ(humanSize(1536), "1.5 KiB");
   EXPECT_EQ(humanSize(5368709120), "5.0 GiB");
   EXPECT_EQ(humanSize(UINT64_MAX), "16 EiB");
+}
+
+TEST(CliFormat, ProgressLines) {
+  struct Row {
+    uint64_t done;
+    int64_t total;
+    double rate;
+    int bar;
+    std::string line;
+  };
+  const std::vector<Row> rows = {
+      {0, -1, 0, 10, "get a  0 B"},
+      {2048, -1, 1024, 10, "get a  2.0 KiB  1.0 KiB/s"},
+      {0, 4096, 0, 10, "get a  [----------]    0%  0 B / 4.0 KiB"},
+      {1024, 4096, 512, 10, "get a  [##--------]   25%  1.0 KiB / 4.0 KiB  512 B/s  0:06 left"},
+      {1536, 4096, 1024, 0, "get a   37%  1.5 KiB / 4.0 KiB  1.0 KiB/s  0:03 left"},
+      {4096, 4096, 1024, 4, "get a  [####]  100%  4.0 KiB / 4.0 KiB  1.0 KiB/s"},
+      // Past the total the task first named: full, never more.
+      {5000, 4096, 1024, 4, "get a  [####]  100%  4.9 KiB / 4.0 KiB  1.0 KiB/s"},
+      {0, 0, 0, 4, "get a  [####]  100%  0 B / 0 B"},
+      {0, 10737418240, 1048576, 0, "get a    0%  0 B / 10 GiB  1.0 MiB/s  2:50:40 left"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(progressLine("get a", row.done, row.total, row.rate, row.bar), row.line);
 }
 
 }  // namespace

@@ -267,12 +267,14 @@ std::shared_ptr<Progress> FakeCloud::createItemBasedOnTemplate(
     uint64_t, const NSFileProviderRequest&, NSFileProviderItemChangeHandler handler) {
   auto t = NSFileProviderItemTemplate::copyOf(itemTemplate);
   record("create " + t.name.value_or(""));
-  later([this, t, fields, contents, handler] {
-    const bool folder = t.type == ContentType::folder();
+  // Decided when asked, so a failure asked for holds for calls made before
+  // it was lifted, however late they run.
+  const bool folder = t.type == ContentType::folder();
+  const bool fail = !folder && failUploads_.fetch_sub(1) > 0;
+  later([this, t, fields, contents, handler, folder, fail] {
     bool ok = true;
     std::string data = folder ? "" : (contents ? readFile(*contents, &ok) : (ok = false, ""));
-    if (!ok || (!folder && failUploads_.fetch_sub(1) > 0))
-      return handler(nullptr, fields & ~uint64_t{1}, false, Error::cocoa(5120));
+    if (!ok || fail) return handler(nullptr, fields & ~uint64_t{1}, false, Error::cocoa(5120));
     std::unique_lock lock(mutex_);
     const std::string parent = t.parentIdentifier.value_or("");
     Entry* found = nullptr;
@@ -301,7 +303,8 @@ std::shared_ptr<Progress> FakeCloud::modifyItem(
   auto t = NSFileProviderItemTemplate::copyOf(item);
   const char* what = fields & 1 ? "contents" : fields & 2 ? "filename" : fields & 4 ? "parent" : "";
   record("modify " + t.identifier + " " + what);
-  later([this, t, base, fields, contents, handler] {
+  const bool fail = (fields & 1) && failUploads_.fetch_sub(1) > 0;
+  later([this, t, base, fields, contents, handler, fail] {
     std::unique_lock lock(mutex_);
     auto it = entries_.find(t.identifier);
     if (it == entries_.end()) {
@@ -315,8 +318,7 @@ std::shared_ptr<Progress> FakeCloud::modifyItem(
       lock.unlock();
       bool ok = contents.has_value();
       std::string data = ok ? readFile(*contents, &ok) : "";
-      if (!ok || failUploads_.fetch_sub(1) > 0)
-        return handler(nullptr, fields & ~uint64_t{1}, false, Error::cocoa(5120));
+      if (!ok || fail) return handler(nullptr, fields & ~uint64_t{1}, false, Error::cocoa(5120));
       lock.lock();
       e.contents = data;
       e.hash = sha1HexDigest(data);

@@ -1,6 +1,10 @@
 // The folder on a real mount, with a small in-memory cloud behind the
 // framework's calls: what cp, mv, rm and friends do in the cloud.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <regex>
 
 #include "driver/FakeCloud.h"
 #include "driver/MountFixture.h"
@@ -199,6 +203,7 @@ TEST_F(FakeMount, RefusalsAndAcceptedNoOps) {
       {"mkdir newmount", 1, "not permitted"},
       {"mv Docs Renamed", 1, "not permitted"},
       {"chmod 600 Docs/notes.md", 0, ""},
+      {"chown \"$(id -u):$(id -g)\" Docs/notes.md", 0, ""},
       {"touch -d '2001-02-03 04:05:06' Docs/notes.md", 0, ""},
   };
   for (const Case& c : cases) {
@@ -207,6 +212,13 @@ TEST_F(FakeMount, RefusalsAndAcceptedNoOps) {
     EXPECT_EQ(done.rc != 0, c.rc != 0) << done.out;
     EXPECT_NE(done.out.find(c.says), std::string::npos) << done.out;
   }
+  // The room there is, is the cache's.
+  struct statvfs here {
+  }, cache{};
+  ASSERT_EQ(::statvfs(mount->mountpoint.c_str(), &here), 0);
+  ASSERT_EQ(::statvfs(mount->cache.c_str(), &cache), 0);
+  EXPECT_EQ(here.f_blocks, cache.f_blocks);
+  EXPECT_EQ(here.f_bsize, cache.f_bsize);
 }
 
 TEST_F(FakeMount, RenameOntoAnExistingFileTrashesItFirstAndRmInTrashDeletes) {
@@ -221,6 +233,100 @@ TEST_F(FakeMount, RenameOntoAnExistingFileTrashesItFirstAndRmInTrashDeletes) {
   auto calls = cloud->calls();
   EXPECT_EQ(calls.back(), "delete " + old);
   EXPECT_FALSE(fs::exists(at(".Trash/report.txt")));  // listed afresh, still hidden
+}
+
+// Each step is a program's way of writing; the cloud and a read through
+// the folder then hold exactly the bytes a local disk would.
+TEST_F(FakeMount, ProgramsWriteAsOnALocalDisk) {
+  struct Step {
+    const char* what;
+    const char* command;
+    const char* file;
+    std::string bytes;
+  };
+  const std::string hole(100000, '\0');
+  const std::vector<Step> steps = {
+      {"O_TRUNC", "printf abc > Docs/notes.md", "notes.md", "abc"},
+      {"O_APPEND", "printf def >> Docs/notes.md", "notes.md", "abcdef"},
+      {"write in the middle",
+       "printf XY | dd of=Docs/notes.md bs=1 seek=1 conv=notrunc status=none", "notes.md",
+       "aXYdef"},
+      {"truncate shorter", "truncate -s 2 Docs/notes.md", "notes.md", "aX"},
+      {"truncate longer", "truncate -s 4 Docs/notes.md", "notes.md", std::string("aX\0\0", 4)},
+      {"write past the end", "printf Z | dd of=Docs/sparse.bin bs=1 seek=100000 status=none",
+       "sparse.bin", hole + "Z"},
+      {"two writers at once",
+       "exec 3>>Docs/two.txt 4>>Docs/two.txt; printf a >&3; printf b >&4; printf c >&3; "
+       "exec 3>&- 4>&-",
+       "two.txt", "abc"},
+      {"a reader sees what a writer wrote since it opened",
+       "exec 5<Docs/two.txt 6>>Docs/two.txt; printf d >&6; cat <&5 > ../seen; exec 5<&- 6>&-",
+       "two.txt", "abcd"},
+      {"rename over a file not sent yet",
+       "printf new > Docs/a.tmp && mv Docs/a.tmp Docs/sparse.bin", "sparse.bin", "new"},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    Shell done = run(step.command);
+    ASSERT_EQ(done.rc, 0) << done.out;
+    EXPECT_TRUE(cloudHolds(step.file, step.bytes));
+    EXPECT_TRUE(readAll(at(std::string("Docs/") + step.file)) == step.bytes);
+  }
+  EXPECT_EQ(readAll(root / "seen"), "abcd");
+  EXPECT_FALSE(inCloud("a.tmp"));
+}
+
+TEST_F(FakeMount, ModificationTimesSetByProgramsReachTheCloud) {
+  struct Case {
+    const char* command;
+    const char* file;
+    Date modified;
+  };
+  const std::vector<Case> cases = {
+      // Right after the close, before or while the creation is sent.
+      {"printf x > Docs/t.txt && touch -d @1600000000 Docs/t.txt", "t.txt", 1600000000},
+      {"cp -p ../src.txt Docs/copied.txt", "copied.txt", 1500000000},
+      // On a file in step with the cloud: its contents go again with it.
+      {"touch -d @1400000000 Docs/notes.md", "notes.md", 1400000000},
+  };
+  writeAll(root / "src.txt", "source");
+  ASSERT_EQ(sh("touch -d @1500000000 " + quoted(root / "src.txt")).rc, 0);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    Shell done = run(c.command);
+    ASSERT_EQ(done.rc, 0) << done.out;
+    EXPECT_TRUE(eventually([&] {
+      auto e = inCloud(c.file);
+      return e && e->modified == c.modified;
+    }));
+    struct stat st {};
+    ASSERT_EQ(::stat(at(std::string("Docs/") + c.file).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mtime, static_cast<time_t>(c.modified));
+  }
+  EXPECT_EQ(inCloud("notes.md")->contents, "# Notes\n");
+}
+
+TEST_F(FakeMount, EditOfAFileChangedElsewhereMeanwhileBecomesAConflictedCopy) {
+  ASSERT_EQ(readAll(at("Docs/notes.md")), "# Notes\n");
+  int fd = ::open(at("Docs/notes.md").c_str(), O_WRONLY | O_TRUNC);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::write(fd, "# Mine\n", 7), 7);
+  cloud->remoteWrite(notes, "# Theirs\n");  // while the file is open here
+  ASSERT_EQ(::close(fd), 0);
+
+  const std::regex conflicted(R"(notes \(conflicted copy \d{4}-\d\d-\d\d \d{6}\)\.md)");
+  std::optional<FakeCloud::Entry> copy;
+  ASSERT_TRUE(eventually([&] {
+    for (auto& e : cloud->childrenOf(docs))
+      if (std::regex_match(e.name, conflicted)) copy = e;
+    return copy.has_value();
+  }));
+  EXPECT_EQ(copy->contents, "# Mine\n");
+  EXPECT_EQ(cloud->entry(notes)->contents, "# Theirs\n");
+  // The folder shows both, each with its own contents.
+  EXPECT_TRUE(eventually([&] { return readAll(at("Docs/notes.md")) == "# Theirs\n"; }));
+  EXPECT_TRUE(eventually([&] { return fs::exists(at("Docs/" + copy->name)); }));
+  EXPECT_EQ(readAll(at("Docs/" + copy->name)), "# Mine\n");
 }
 
 TEST_F(FakeMount, ChangesFromElsewhereShowAfterTheSignalWithoutRemount) {

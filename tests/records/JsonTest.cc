@@ -52,6 +52,23 @@ TEST(RecordsJsonWrite, ParsedTextWritesBackByteIdentical) {
   EXPECT_EQ(*JSONString(parse(text)), text);
 }
 
+// A number too large for 64 bits keeps the rest of the text: the tree holds
+// it as its text, readings take it as an absent key, and it writes back as it
+// came.
+TEST(RecordsJsonParse, NumbersPastSixtyFourBitsKeepTheirText) {
+  std::string text =
+      R"({"a":[-99999999999999999999,1e400],"n":5,"v":18446744073709551616,"w":1E+999})";
+  JsonValue v = parse(text);
+  EXPECT_EQ(*v.find("v"), JsonValue(JsonNumberText{"18446744073709551616"}));
+  EXPECT_TRUE(v.find("w")->isNumber());
+  EXPECT_EQ(readInteger(v, "v"), 0);
+  EXPECT_EQ(readInteger32(v, "w"), 0);
+  EXPECT_EQ(readText(v, "v"), std::nullopt);
+  EXPECT_EQ(readInteger(v, "n"), 5);
+  EXPECT_EQ(*JSONString(v), text);
+  EXPECT_EQ(JSONString(JsonArray{JsonNumberText{"12x"}}), std::nullopt);
+}
+
 int64_t intOf(std::string_view json) { return readInteger(parse(json), "v"); }
 int64_t int32Of(std::string_view json) { return readInteger32(parse(json), "v"); }
 

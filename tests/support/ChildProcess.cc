@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 extern char** environ;
@@ -17,18 +19,10 @@ namespace {
 
 int exitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
-}  // namespace
-
 // posix_spawn rather than fork: the test programs run threads, and a forked
 // child of a threaded process may deadlock in anything but async-signal-safe
 // calls (opening the log with stdio among them).
-pid_t spawn(const std::vector<std::string>& args, const std::filesystem::path& logFile) {
-  if (args.empty()) return -1;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                   0644);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
+pid_t spawnWith(const std::vector<std::string>& args, posix_spawn_file_actions_t& actions) {
   std::vector<char*> argv;
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
@@ -36,6 +30,30 @@ pid_t spawn(const std::vector<std::string>& args, const std::filesystem::path& l
   if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
   posix_spawn_file_actions_destroy(&actions);
   return pid;
+}
+
+}  // namespace
+
+pid_t spawn(const std::vector<std::string>& args, const std::filesystem::path& logFile) {
+  if (args.empty()) return -1;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                   0644);
+  posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  return spawnWith(args, actions);
+}
+
+pid_t spawn(const std::vector<std::string>& args, const std::filesystem::path& outFile,
+            const std::filesystem::path& errFile) {
+  if (args.empty()) return -1;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0644);
+  posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0644);
+  return spawnWith(args, actions);
 }
 
 int waitExit(pid_t pid) {
@@ -60,6 +78,20 @@ int waitExit(pid_t pid, std::chrono::milliseconds timeout) {
   ::kill(pid, SIGKILL);
   ::waitpid(pid, &status, 0);
   return kWaitTimedOut;
+}
+
+ProgramRun runProgram(const std::vector<std::string>& args, const std::filesystem::path& dir,
+                      std::chrono::milliseconds timeout) {
+  ProgramRun run;
+  run.rc = waitExit(spawn(args, dir / "program.out", dir / "program.err"), timeout);
+  run.out = readFileText(dir / "program.out");
+  run.err = readFileText(dir / "program.err");
+  return run;
+}
+
+std::string readFileText(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 int unusedLoopbackPort() {

@@ -1,5 +1,5 @@
 // Shared by the upload tests: a scripted host (replies by query type), an
-// upload server of our own (PieceServer), a client on a private temporary
+// upload server of our own (ContentServer), a client on a private temporary
 // directory, and what the framework's handler received.
 #pragma once
 
@@ -16,9 +16,9 @@
 #include "hostlink/HalvoProviderClient.h"
 #include "hostlink/NSStringExpand.h"
 #include "platform/Log.h"
+#include "support/ContentServer.h"
 #include "support/LoopbackServer.h"
 #include "tasks/UploadTask.h"
-#include "uploads/PieceServer.h"
 
 namespace hvfp::test {
 
@@ -28,12 +28,6 @@ using Lines = std::vector<std::string>;
 
 // Hang guard only: every wait normally ends in milliseconds.
 constexpr auto kPatience = 60s;
-
-inline std::string bytes(size_t size, unsigned seed = 1) {
-  std::string out(size, '\0');
-  for (size_t i = 0; i < size; ++i) out[i] = static_cast<char>((i * 131 + i / 977 + seed) & 0xff);
-  return out;
-}
 
 inline void writeFile(const fs::path& path, const std::string& data) {
   std::ofstream(path, std::ios::binary) << data;
@@ -128,7 +122,10 @@ class UploadTest : public ::testing::Test {
     client.setNPort(host.server.port());
     client.setStrTempPath((dir / "tmp").string());
     setLogSink(LogSink::Capture);
-    uploadToServer();
+    // By default a file goes up to `pieces` in session s1 from offset 0.
+    host.setDefault("create", ScriptedReply(200, createReply({pieces.url()})));
+    host.setDefault("uploadinit", ScriptedReply(200, R"({"status_code":200,"session":"s1"})"));
+    host.setDefault("uploadreq", ScriptedReply(200, R"({"status_code":200,"offset":0})"));
   }
   void TearDown() override {
     setLogSink(LogSink::Stderr);
@@ -150,14 +147,6 @@ class UploadTest : public ::testing::Test {
            "\",\"storage_point\":\"sp\",\"uploads\":" + list(servers) +
            ",\"cache_uploads\":" + list(cacheServers) + "}";
   }
-  void useFileReply(int state, const std::string& hash) {
-    host.setDefault("create", ScriptedReply(200, createReply({pieces.url()}, {}, hash, state)));
-    if (state == 1) return;
-    host.setDefault("uploadinit", ScriptedReply(200, R"({"status_code":200,"session":"s1"})"));
-    host.setDefault("uploadreq", ScriptedReply(200, R"({"status_code":200,"offset":0})"));
-  }
-  void uploadToServer() { useFileReply(0, "h1"); }
-
   // A file task for `data` named a.bin under mount root 12.
   std::shared_ptr<UploadTask> fileTask(const std::string& data, uint64_t fields = 1,
                                        std::optional<uint64_t> declared = std::nullopt) {
@@ -171,7 +160,8 @@ class UploadTest : public ::testing::Test {
                                    std::optional<std::string> path, uint64_t fields = 1) {
     auto t = std::make_shared<UploadTask>(client, id, parent, size, 100, 200, dir, name,
                                           std::move(path), fields);
-    t->timing = fast();
+    t->timing.stepPause = t->timing.closePause = t->timing.firstTurnPause =
+        t->timing.lastTurnPause = 1ms;
     progress = Progress::make();
     t->setMProgress(progress);
     t->setCreateHandler(
@@ -182,11 +172,6 @@ class UploadTest : public ::testing::Test {
           report.pending = pending;
           report.error = std::move(error);
         });
-    return t;
-  }
-  static UploadTask::Timing fast() {
-    UploadTask::Timing t;
-    t.stepPause = t.closePause = t.firstTurnPause = t.lastTurnPause = 1ms;
     return t;
   }
   Report taken() {
@@ -205,7 +190,7 @@ class UploadTest : public ::testing::Test {
 
   fs::path dir;
   ScriptedHost host;
-  PieceServer pieces;
+  ContentServer pieces;
   HalvoProviderClient client;
   std::shared_ptr<Progress> progress;
   std::mutex reportMutex;
