@@ -125,17 +125,18 @@ say "What next"
 cat <<EOT
   The folder is the cloud: use it with any program.
     cd $dir/Docs
-    ls -l                                 listings come from the host; changes made there show up by themselves
-    cp ~/some-file .                      uploaded once the file is closed; `sync some-file` waits for it
-    mv some-file Reports/                 renames and moves reach the cloud at once
-    vim notes.md                          edits are uploaded as the file's new contents
-    rm notes.md                           moves it to $dir/.Trash; mv it out of .Trash to restore it
-    rm $dir/.Trash/notes.md     deletes it for good
+    ls -l                   listings come from the host; changes made there show up by themselves
+    cp ~/some-file .        uploaded once the file is closed ("sync some-file" waits for it)
+    mv some-file Reports/   renames and moves reach the cloud at once
+    vim notes.md            an edit is uploaded as the file's new contents
+    rm notes.md             moves it to $dir/.Trash; mv it out of .Trash to restore it
+    rm ../.Trash/notes.md   deletes it for good
   The console is $halvofp (add it to your PATH: export PATH="\$PWD/$build/src/cli:\$PWD/$build/hostd:\$PATH").
 ${bus_note:+  This demo runs its own session bus; in a new shell first: $bus_note
 }
-  halvofp ls                            the mounts, as the provider lists them (halvofp ls 1: the first)
+  halvofp ls                            the mounts as the provider lists them; halvofp ls 1: the first one
   halvofp stat ID                       every property of one item (--json for scripts)
+  halvofp put FILE 1                    the same framework calls the folder makes, one at a time
   halvofp watch                         host events as they come; in another shell try:
   halvo-hostd ctl --root $root add-file --mount 1 --name hello.txt --text hi
   halvo-hostd ctl --help                change the cloud as another device would, inject faults
