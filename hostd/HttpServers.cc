@@ -83,11 +83,10 @@ Listener::Listener() : server_(std::make_unique<httplib::Server>()) {
   // limit the library would read any size of one into memory first.
   server_->set_payload_max_length(64 * 1024);
   // Small replies on kept-alive connections: without this each waits for
-  // the peer's delayed acknowledgement. The provider runs many queries at
-  // once (renames from several threads, listings during uploads), so the
-  // pool is larger than the library's default of one thread per core.
+  // the peer's delayed acknowledgement. The library's own worker pool stays:
+  // a larger pool built here from its header mixed up requests between
+  // workers (the packaged library is compiled separately from that header).
   server_->set_tcp_nodelay(true);
-  server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
 }
 
 Listener::~Listener() { stop(); }
