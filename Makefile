@@ -46,5 +46,11 @@ stop:
 bench: release
 	@bash bench/run.sh build/release
 
+# The libFuzzer targets (clang, fuzz preset), each for FUZZ_SECONDS; failing
+# inputs land in build/fuzz/artifacts/.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@JOBS=$(JOBS) bash fuzz/run.sh $(FUZZ_SECONDS)
+
 clean:
 	rm -rf build

@@ -1,26 +1,46 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang and runs each for a while.
-#   fuzz/run.sh [seconds per target, default 60]
-# Needs clang with libFuzzer (Debian: clang, libclang-rt-dev); not part of
-# `make test`. Findings land in build/fuzz/<target>/.
+# Builds the libFuzzer targets (the fuzz preset: clang with AddressSanitizer
+# and UndefinedBehaviorSanitizer) and runs each in turn for a set time.
+#   fuzz/run.sh [seconds per target, default $FUZZ_SECONDS or 60] [target...]
+# Seeds come from fuzz/corpus/<target>/; what a run learns is kept in
+# build/fuzz/corpus/<target>/ for the next one, and inputs that fail land in
+# build/fuzz/artifacts/. Prints the runs each target made; exits non-zero
+# when any target failed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-seconds=${1:-60}
+seconds=${1:-${FUZZ_SECONDS:-60}}
+[ $# -gt 0 ] && shift
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=(listing records events identifiers encoding download_create)
+
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "${JOBS:-$(nproc)}" >/dev/null
 out=build/fuzz
-mkdir -p "$out"
-flags=(-std=c++20 -O1 -g -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all -Isrc)
-simd=(-mavx2 -mbmi -mbmi2 -mpclmul -mlzcnt -mpopcnt)
-avx512=("${simd[@]}" -mavx512f -mavx512dq -mavx512cd -mavx512bw -mavx512vl -mavx512vbmi2)
-objs=()
-compile() { local src=$1; shift; local obj="$out/$(basename "${src%.cc}").o"; clang++ "${flags[@]/-fsanitize=fuzzer,/-fsanitize=fuzzer-no-link,}" "$@" -c "$src" -o "$obj"; objs+=("$obj"); }
-for src in src/records/Json.cc src/records/JsonReading.cc src/records/HVFileItem.cc src/records/ReplyRecords.cc \
-           src/records/FileItemListing.cc src/records/FileItemListingFallback.cc \
-           src/platform/Text.cc src/platform/http/ReplyBuffers.cc; do
-  compile "$src"
+mkdir -p "$out/artifacts"
+
+# Replies and events may be large; identifiers and encodings are short.
+max_len() {
+  case $1 in
+    listing | records | download_create | events) echo 65536 ;;
+    *) echo 4096 ;;
+  esac
+}
+
+failed=0
+printf '%-16s %12s %8s\n' target runs seconds
+for t in "${targets[@]}"; do
+  mkdir -p "$out/corpus/$t"
+  log="$out/$t.log"
+  start=$(date +%s)
+  status=ok
+  "$out/fuzz/fuzz_$t" -max_total_time="$seconds" -max_len="$(max_len "$t")" -timeout=10 \
+    -print_final_stats=1 -artifact_prefix="$out/artifacts/$t-" \
+    "$out/corpus/$t" "fuzz/corpus/$t" >"$log" 2>&1 || status=FAILED
+  runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' || echo 0)
+  printf '%-16s %12s %8s %s\n' "$t" "$runs" "$(($(date +%s) - start))" "$status"
+  if [ "$status" != ok ]; then
+    failed=1
+    tail -40 "$log" >&2
+  fi
 done
-compile src/records/FileItemListingHaswell.cc "${simd[@]}"
-compile src/records/FileItemListingIcelake.cc "${avx512[@]}"
-clang++ "${flags[@]}" fuzz/fuzz_replies.cc "${objs[@]}" -lsimdjson -o "$out/fuzz_replies"
-mkdir -p "$out/replies" fuzz/corpus/replies
-"$out/fuzz_replies" -max_total_time="$seconds" -max_len=65536 -artifact_prefix="$out/" \
-  "$out/replies" fuzz/corpus/replies
+exit $failed

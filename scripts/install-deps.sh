@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config clang
+  build-essential cmake pkg-config clang libclang-rt-dev
   libcurl4-openssl-dev libssl-dev zlib1g-dev
   libsimdjson-dev libsystemd-dev libfmt-dev libsqlite3-dev
   libcpp-httplib-dev libcli11-dev

@@ -162,7 +162,7 @@ int Console::watch(const std::atomic<bool>& stop) {
   err_ << "watching host events; Ctrl-C to stop\n";
   std::map<std::string, NSFileProviderEnumeratorRef> enumerators;
   auto report = [&](const std::string& container) {
-    out_ << "signalled " << container << '\n';
+    out_ << "signalled " << printable(container) << '\n';
     auto& enumerator = enumerators[container];
     if (!enumerator)
       enumerator = extension_->enumeratorForContainerItemIdentifier(container, {}, nullptr);
@@ -183,7 +183,7 @@ int Console::watch(const std::atomic<bool>& stop) {
     HostEvent event = std::move(inbox.events.front());
     inbox.events.pop_front();
     lock.unlock();
-    out_ << "event " << orNull(event.object) << '\n';
+    out_ << "event " << printable(std::string(orNull(event.object))) << '\n';
     if (event.signalled) report(*event.signalled);
     out_.flush();
   }

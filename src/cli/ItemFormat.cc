@@ -28,10 +28,21 @@ void optionalMember(JsonWriter& w, const char* key, const std::optional<T>& v, F
 
 }  // namespace
 
+// Names and events come from the host: a control character in one (an
+// escape sequence, a line break) must not reach the terminal as such. C1
+// controls count too: U+009B alone starts a sequence on many terminals.
 std::string printable(std::string text) {
-  for (char& c : text)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-  return text;
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const bool c1 = c == 0xC2 && i + 1 < text.size() &&
+                    static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+                    static_cast<unsigned char>(text[i + 1]) <= 0x9F;
+    if (c1) ++i;
+    out.push_back(c < 0x20 || c == 0x7f || c1 ? '?' : text[i]);
+  }
+  return out;
 }
 
 std::string errorText(const Error& error) {
@@ -159,7 +170,7 @@ void printDetails(std::ostream& out, NSFileProviderItem& item) {
   out << "filename:                " << orDash(item.filename(), asText) << '\n'
       << "itemIdentifier:          " << printable(item.itemIdentifier()) << '\n'
       << "parentItemIdentifier:    " << orDash(item.parentItemIdentifier(), asText) << '\n'
-      << "contentType:             " << item.contentType().identifier << '\n'
+      << "contentType:             " << printable(item.contentType().identifier) << '\n'
       << "capabilities:            " << item.capabilities() << '\n'
       << "documentSize:            " << orDash(item.documentSize(), asNumber) << '\n'
       << "childItemCount:          " << orDash(item.childItemCount(), asNumber) << '\n'
@@ -167,8 +178,10 @@ void printDetails(std::ostream& out, NSFileProviderItem& item) {
       << "contentModificationDate: " << orDash(item.contentModificationDate(), asDate) << '\n'
       << "lastUsedDate:            " << orDash(item.lastUsedDate(), asDate) << '\n';
   auto version = item.itemVersion();
-  out << "contentVersion:          " << (version ? version->contentVersion : "(null)") << '\n'
-      << "metadataVersion:         " << (version ? version->metadataVersion : "(null)") << '\n';
+  out << "contentVersion:          " << (version ? printable(version->contentVersion) : "(null)")
+      << '\n'
+      << "metadataVersion:         " << (version ? printable(version->metadataVersion) : "(null)")
+      << '\n';
 }
 
 }  // namespace hvfp::cli

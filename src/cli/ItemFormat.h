@@ -24,10 +24,10 @@ std::string humanSize(uint64_t bytes);
 // What an error the framework got means, for people: "not found", "refused
 // by the host", an upload's code and message, ... with the domain and code.
 std::string errorText(const Error& error);
-// Control characters (escape sequences, line breaks) in text from the host
-// become "?", so they never reach the terminal as such.
-std::string printable(std::string text);
 // Seconds since 1970 as "2023-11-14 22:13:20" (UTC).
 std::string shortDate(double seconds);
+// A text from the host made safe for a terminal: every control character,
+// C0, DEL or C1 (as its UTF-8 bytes), becomes "?".
+std::string printable(std::string text);
 
 }  // namespace hvfp::cli

@@ -8,6 +8,8 @@
 namespace hvfp {
 namespace {
 
+static_assert(HalvoProviderClient::kMaxListingReply <= SharedSession::kMaxBody);
+
 // How often destruction looks whether the uploads are done.
 constexpr auto kUploadPoll = std::chrono::milliseconds(10);
 
@@ -82,14 +84,14 @@ std::string HalvoProviderClient::urlFor(const QueryList& list) const {
   return strHost() + ":" + std::to_string(nPort()) + "/provider?" + getKeyByString(list);
 }
 
-std::string HalvoProviderClient::syncRequestByArray(const QueryList& list) const {
-  return syncRequest(urlFor(list));
+std::string HalvoProviderClient::syncRequestByArray(const QueryList& list, size_t maxReply) const {
+  return syncRequest(urlFor(list), maxReply);
 }
 
-std::string HalvoProviderClient::syncRequest(const std::string& url) const {
+std::string HalvoProviderClient::syncRequest(const std::string& url, size_t maxReply) const {
   QueryOutcome outcome;
   outcome.number = ++queriesMade_;
-  Result<HttpReply> reply = SharedSession::get(url);
+  Result<HttpReply> reply = SharedSession::get(url, maxReply);
   std::string body;
   if (reply) {
     outcome.delivered = true;

@@ -116,11 +116,19 @@ class HalvoProviderClient {
   std::string languageWithRequestString;
 
   // --- the channel ------------------------------------------------------
+  // The largest replies taken. A listing of a hundred thousand entries is
+  // tens of megabytes; every other reply is one small record, and a larger
+  // one is refused before it is parsed into a value tree, which would take
+  // many times its size. A reply over its limit is no answer: the transfer
+  // stops there, and the outcome says why.
+  static constexpr size_t kMaxListingReply = size_t{256} << 20;
+  static constexpr size_t kMaxRecordReply = size_t{4} << 20;
+
   // "<host>:<port>/provider?<query>", host and port read once.
   std::string urlFor(const QueryList& list) const;
-  std::string syncRequestByArray(const QueryList& list) const;
+  std::string syncRequestByArray(const QueryList& list, size_t maxReply = kMaxListingReply) const;
   // The reply body; the empty text when the channel failed.
-  std::string syncRequest(const std::string& url) const;
+  std::string syncRequest(const std::string& url, size_t maxReply = kMaxListingReply) const;
   // The outcome of the query that finished last.
   QueryOutcome lastOutcome() const;
 
@@ -189,11 +197,11 @@ class HalvoProviderClient {
 
  private:
   std::vector<HVFileItemRef> listing(const QueryList& list, uint64_t* lasttime) const;
-  std::string lookup(const QueryList& list) const;
-  // One record from a bounded reply; none when it is not a JSON object.
+  // One record from a reply of at most kMaxRecordReply; none when it is not
+  // a JSON object.
   template <typename Record>
   std::shared_ptr<Record> requestRecord(const QueryList& list) const {
-    auto parsed = objectFromJSONString(lookup(list));
+    auto parsed = objectFromJSONString(syncRequestByArray(list, kMaxRecordReply));
     if (!parsed || !parsed->isObject()) return nullptr;
     return initWithJson<Record>(*parsed);
   }

@@ -29,16 +29,6 @@ std::vector<HVFileItemRef> HalvoProviderClient::listing(const QueryList& list,
   return std::move(parsed->list);
 }
 
-// A lookup answers with one small record. A larger reply is refused before
-// it is parsed into a value tree, which would take many times its size.
-constexpr size_t kMaxLookupReply = size_t{4} << 20;
-
-std::string HalvoProviderClient::lookup(const QueryList& list) const {
-  std::string reply = syncRequestByArray(list);
-  if (reply.size() > kMaxLookupReply) return {};
-  return reply;
-}
-
 std::vector<HVFileItemRef> HalvoProviderClient::getLinks() const {
   auto records = listing(typeQuery("links"), nullptr);
   for (auto& record : records) {

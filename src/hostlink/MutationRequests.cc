@@ -68,7 +68,7 @@ void HalvoProviderClient::addFileToCache(const std::string& path,
   addValueForString(list, "type", "addcache");
   addValueForString(list, "path", path);
   addValueForString(list, "filehash", filehash);
-  (void)syncRequestByArray(list);
+  (void)syncRequestByArray(list, kMaxRecordReply);
 }
 
 void HalvoProviderClient::updateStauts(const std::string& identifier, int64_t status) const {
@@ -76,13 +76,13 @@ void HalvoProviderClient::updateStauts(const std::string& identifier, int64_t st
   if (!id) return;
   QueryList list = itemQuery("updatestatus", *id);
   addValueForInteger(list, "status", status);
-  (void)syncRequestByArray(list);
+  (void)syncRequestByArray(list, kMaxRecordReply);
 }
 
 void HalvoProviderClient::deleteSyncDB(const std::string& identifier) const {
   auto id = mountItem(identifier);
   if (!id) return;
-  (void)syncRequestByArray(itemQuery("deletesyncdb", *id));
+  (void)syncRequestByArray(itemQuery("deletesyncdb", *id), kMaxRecordReply);
 }
 
 }  // namespace hvfp

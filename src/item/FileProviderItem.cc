@@ -153,6 +153,12 @@ std::optional<Date> FileProviderItem::lastUsedDate() { return contentModificatio
 // Written piece by piece rather than through one format string: a listing
 // logs every item, so this line is on the path of every enumeration.
 void FileProviderItem::test() {
+  if (!logEnabled()) {
+    // The parent is settled here as when the line is written, so the item
+    // reads the same afterwards and from any thread.
+    (void)evaluateParent();
+    return;
+  }
   thread_local std::string line;  // reused: a listing writes one line per item
   line.clear();
   appendFilename(line);

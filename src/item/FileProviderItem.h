@@ -60,7 +60,8 @@ class FileProviderItem : public NSFileProviderItem {
   std::optional<Date> contentModificationDate() override;
   std::optional<Date> lastUsedDate() override;
 
-  // One log line with every property, read through the accessors above.
+  // One log line with every property, read through the accessors above;
+  // no line while the log is silent. Settles the parent either way.
   void test();
 
   FileProviderItem(std::string identifier, HVFileItemRef record)

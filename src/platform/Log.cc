@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -39,6 +40,9 @@ struct LogState {
   } writer GUARDED_BY(mutex) = Writer::NotStarted;
   std::vector<std::string> captured GUARDED_BY(mutex);
 };
+
+// Mirrors `sink != Silent`, read without the lock on every costly line.
+std::atomic<bool> gEnabled{true};
 
 LogState& state() {
   static auto* s = new LogState;  // outlives static destruction: late lines still log
@@ -126,7 +130,10 @@ void setLogSink(LogSink sink) {
   flushLocked(s, lock);
   if (sink == LogSink::Syslog && s.sink != LogSink::Syslog) openlog("halvofp", LOG_PID, LOG_USER);
   s.sink = sink;
+  gEnabled.store(sink != LogSink::Silent);
 }
+
+bool logEnabled() { return gEnabled.load(std::memory_order_relaxed); }
 
 std::vector<std::string> takeCapturedLog() {
   LogState& s = state();

@@ -24,6 +24,9 @@ std::vector<std::string> takeCapturedLog();
 
 void logLine(std::string_view line);
 void flushLog();
+// False while the sink is Silent: a caller that builds a costly line (one
+// per item of a large listing) can skip building it.
+bool logEnabled();
 
 template <typename... Args>
 void log(fmt::format_string<Args...> format, Args&&... args) {

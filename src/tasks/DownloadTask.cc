@@ -144,6 +144,13 @@ void DownloadTask::startTransfer(const std::string& address) {
 void DownloadTask::didWriteData(TransferSession&, TransferTask& task, int64_t,
                                 int64_t totalBytesWritten, int64_t) {
   if (const auto& progress = mProgress()) progress->setCompletedUnitCount(totalBytesWritten);
+  // Bytes beyond the size the host gave cannot be these contents, and a
+  // server that never ends its body must not fill the disk.
+  if (totalBytesWritten > 0 && static_cast<uint64_t>(totalBytesWritten) > ullFilesize) {
+    fail(ErrorCode::CloudNetworkFailure);
+    task.cancel();
+    return;
+  }
   if (bExit) task.cancel();
 }
 
@@ -152,7 +159,7 @@ bool DownloadTask::isWholeAndIntact(const TransferTask& task) const {
   if (!response || response->statusCode < 200 || response->statusCode > 299) return false;
   int64_t received = task.countOfBytesReceived();
   int64_t announced = task.countOfBytesExpectedToReceive();
-  if (received < 0 || static_cast<uint64_t>(received) < ullFilesize) return false;
+  if (received < 0 || static_cast<uint64_t>(received) != ullFilesize) return false;
   if (announced >= 0 && received < announced) return false;
   if (!isSHA1Hex(strFilehash)) return true;
   auto digest = task.receivedSHA1();

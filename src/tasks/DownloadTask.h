@@ -6,9 +6,10 @@
 //
 // Every reply of the host and every byte from the network is untrusted: the
 // content hash must be a plain file name, the host's local path an existing
-// regular file, the address http or https, the response a 2xx, the body as
-// long as announced and, for a SHA-1 content hash, of that digest. Anything
-// else ends in NSCocoaErrorDomain 5120 with nothing left behind.
+// regular file, the address http or https, the response a 2xx, the body
+// exactly as long as announced (a body that runs past that size is stopped
+// there) and, for a SHA-1 content hash, of that digest. Anything else ends
+// in NSCocoaErrorDomain 5120 with nothing left behind.
 //
 // Ownership: made with std::make_shared by the content fetch, which gives it
 // its progress and the framework's handler and adds it to the task queue.

@@ -56,6 +56,13 @@ ScriptedReply ScriptedReply::generated(uint64_t size, uint64_t offset) {
   return r;
 }
 
+ScriptedReply ScriptedReply::streamed(int status, uint64_t size, Producer produce) {
+  ScriptedReply r(status, "");
+  r.generatedSize = size;
+  r.producer = std::move(produce);
+  return r;
+}
+
 std::string LoopbackServer::pattern(uint64_t offset, size_t size) {
   std::string out(size, '\0');
   for (size_t i = 0; i < size; ++i) {
@@ -195,8 +202,12 @@ bool LoopbackServer::sendReply(int fd, const ScriptedReply& reply) {
   for (uint64_t sent = 0; sent < limit;) {
     if (sent > 0 && !pause(reply.chunkPause)) return false;
     auto n = static_cast<size_t>(std::min<uint64_t>(step, limit - sent));
-    piece = reply.generatedSize ? pattern(reply.patternOffset + sent, n)
-                                : reply.body.substr(static_cast<size_t>(sent), n);
+    if (reply.producer)
+      piece = reply.producer(sent, n);
+    else if (reply.generatedSize)
+      piece = pattern(reply.patternOffset + sent, n);
+    else
+      piece = reply.body.substr(static_cast<size_t>(sent), n);
     if (!wire::sendAll(fd, piece)) {
       std::lock_guard lock(mutex_);
       ++unfinished_;

@@ -57,6 +57,11 @@ struct ScriptedReply {
   // `offset`, made as they are sent (any size, little memory). Status 200,
   // Content-Type application/octet-stream.
   static ScriptedReply generated(uint64_t size, uint64_t offset = 0);
+  // `size` bytes that `produce(offset, length)` makes piece by piece as they
+  // are sent (exactly `length` bytes each time), in pieces of up to 64 KiB:
+  // a reply of any size that is never held whole. Content-Type JSON.
+  using Producer = std::function<std::string(uint64_t offset, size_t length)>;
+  static ScriptedReply streamed(int status, uint64_t size, Producer produce);
 
   int status = 200;
   std::string body = "{}";
@@ -72,6 +77,7 @@ struct ScriptedReply {
   // Instead of `body`: this many pattern bytes, from position patternOffset.
   std::optional<uint64_t> generatedSize;
   uint64_t patternOffset = 0;
+  Producer producer;  // with generatedSize: makes the bytes instead of the pattern
 };
 
 class LoopbackServer {

@@ -186,6 +186,7 @@ TEST_F(Download, EachAnswerOfHostAndServerEndsInOneReport) {
       {"a body short of its Content-Length", info(hash, 3000, {at("/short/3000/1000")}), fails,
        5120, "/short/3000/1000"},
       {"a body short of the declared size", info("abc", 4000, {bytes}), fails, 5120, first},
+      {"a body longer than the declared size", info("abc", 2000, {bytes}), fails, 5120, first},
       {"bytes of another digest", info(sha1HexDigest(contentBytes(3000, 2)), 3000, {bytes}), fails,
        5120, first},
       {"a hash climbing out of the folder", info("../x", 3000, {bytes}), fails, 5120},

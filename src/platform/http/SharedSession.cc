@@ -3,6 +3,8 @@
 #include <curl/curl.h>
 #include <simdjson.h>
 
+#include <algorithm>
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -13,10 +15,13 @@ namespace {
 
 struct Sink {
   CURL* curl = nullptr;
+  size_t limit = SharedSession::kMaxBody;
   std::string body;
   bool oversize = false;
   bool sized = false;
 };
+
+std::atomic<long> gStallSeconds{60};
 
 // Room for the whole announced body plus the JSON parser's padding, so the
 // reply is neither grown piecewise nor copied again before it is parsed.
@@ -29,10 +34,10 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     sink->sized = true;
     curl_off_t announced = -1;
     curl_easy_getinfo(sink->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
-    if (announced > 0 && static_cast<size_t>(announced) <= SharedSession::kMaxBody)
+    if (announced > 0 && static_cast<size_t>(announced) <= sink->limit)
       sink->body = ReplyBuffers::take(static_cast<size_t>(announced) + kParserPadding);
   }
-  if (sink->body.size() + n > SharedSession::kMaxBody) {
+  if (sink->body.size() + n > sink->limit) {
     sink->oversize = true;
     return 0;  // aborts the transfer
   }
@@ -55,7 +60,6 @@ struct EasyHandle {
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 60L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
   }
   ~EasyHandle() {
@@ -63,21 +67,39 @@ struct EasyHandle {
   }
 };
 
+// "256 MiB", "4 MiB", "1000 bytes": limits as people write them.
+std::string sizeText(size_t bytes) {
+  if (bytes >= (size_t{1} << 20) && bytes % (size_t{1} << 20) == 0)
+    return std::to_string(bytes >> 20) + " MiB";
+  if (bytes >= 1024 && bytes % 1024 == 0) return std::to_string(bytes >> 10) + " KiB";
+  return std::to_string(bytes) + " bytes";
+}
+
 }  // namespace
 
-Result<HttpReply> SharedSession::get(const std::string& url) {
+std::chrono::seconds SharedSession::stallLimit() {
+  return std::chrono::seconds(gStallSeconds.load());
+}
+
+void SharedSession::setStallLimit(std::chrono::seconds limit) {
+  gStallSeconds.store(std::max<long>(1, static_cast<long>(limit.count())));
+}
+
+Result<HttpReply> SharedSession::get(const std::string& url, size_t maxBody) {
   thread_local EasyHandle handle;
   CURL* curl = handle.curl;
   if (!curl) return fail("cannot create a transfer");
   Sink sink;
   sink.curl = curl;
+  sink.limit = std::min(maxBody, kMaxBody);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, gStallSeconds.load());
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
   CURLcode rc = curl_easy_perform(curl);
   long status = 0;
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
   auto failed = [status](std::string why) { return fail(int(status), 0, std::move(why)); };
-  if (sink.oversize) return failed("reply larger than 256 MiB");
+  if (sink.oversize) return failed("reply larger than " + sizeText(sink.limit));
   if (rc != CURLE_OK) return failed(curl_easy_strerror(rc));
   if (!simdjson::validate_utf8(sink.body.data(), sink.body.size()))
     return failed("reply is not UTF-8");
