@@ -35,8 +35,13 @@ test-tsan: deps
 	@cmake --build --preset tsan -j $(JOBS)
 	@ctest --preset tsan -j $(JOBS)
 
+# The sample cloud as a folder at $(HALVO_MOUNT) (default ~/Halvo); make stop
+# unmounts it and stops the host.
 run: programs
 	@bash scripts/run.sh build/release
+
+stop:
+	@bash scripts/run.sh build/release stop
 
 bench: release
 	@bash bench/run.sh build/release

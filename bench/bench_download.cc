@@ -190,8 +190,7 @@ int main(int argc, char** argv) {
   config.quiet = true;
   config.forceUris = true;  // contents always travel through the download server
   hostd::Host host(config);
-  std::string why;
-  if (!host.start(&why)) die("host: " + why);
+  if (auto started = host.start(); !started.ok()) die("host: " + started.failure().message);
   auto mount = host.store().addMount("Bench", 1);
   if (!mount.ok()) die("cannot add a mount");
   {

@@ -98,9 +98,8 @@ int main() {
   config.useBus = false;
   config.quiet = true;
   hvfp::hostd::Host host(config);
-  std::string why;
-  if (!host.start(&why)) {
-    std::printf("host did not start: %s\n", why.c_str());
+  if (auto started = host.start(); !started.ok()) {
+    std::printf("host did not start: %s\n", started.failure().message.c_str());
     return 1;
   }
   auto mount = host.store().addMount("Bench", 1);

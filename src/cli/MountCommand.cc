@@ -24,6 +24,7 @@
 #include "extension/FileProviderExtension.h"
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"
+#include "platform/http/ReplyBuffers.h"
 
 extern char** environ;
 
@@ -108,6 +109,9 @@ int serveFolder(const MountOptions& options, int ready, std::ostream& err) {
       err << line << '\n';
     }
   };
+  // The mount outlives its largest listing by days: memory sized for that
+  // reply is given back once it was read.
+  ReplyBuffers::setKeeping(false);
   HalvoProviderClient& client = HalvoProviderClient::shareHalvoProviderClient();
   FileProviderExtension extension(client, NSFileProviderDomain{options.domain, options.domain});
   if (options.port) client.onRecvFromApp(portEvent(*options.port));

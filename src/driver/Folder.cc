@@ -93,8 +93,20 @@ void Folder::signalLoop() {
 
 // --- attributes --------------------------------------------------------
 
+void Folder::setFolderTime(Ino ino, std::optional<Date> modified) {
+  MutexLock lock(mutex_);
+  if (modified)
+    folderTimes_[ino] = *modified;
+  else
+    folderTimes_.erase(ino);
+}
+
 Attributes Folder::withLocalContents(Attributes a) {
-  if (a.folder) return a;
+  if (a.folder) {
+    MutexLock lock(mutex_);
+    if (auto it = folderTimes_.find(a.ino); it != folderTimes_.end()) a.modified = it->second;
+    return a;
+  }
   if (auto path = working_.newest(a.ino)) {
     struct stat st {};
     if (::stat(path->c_str(), &st) == 0) {
@@ -143,6 +155,7 @@ Result<Attributes> Folder::setattr(Ino ino, std::optional<uint64_t> size,
       if (!done) return done.failure();
     }
   }
+  if (modified && info->record.folder) setFolderTime(ino, *modified);
   if (modified && !info->record.folder) setTime(ino, *info, *modified);
   return getattr(ino);
 }
@@ -324,6 +337,7 @@ Result<void> Folder::fsync(OpenFile& file) {
 // --- new items ---------------------------------------------------------
 
 Result<Created> Folder::create(Ino parent, std::string_view name, int flags) {
+  setFolderTime(parent, std::nullopt);
   auto folder = replica_.info(parent);
   if (!folder) return folder.failure();
   if (!folder->record.folder) return errnoFailure(ENOTDIR);
@@ -352,6 +366,7 @@ Result<Created> Folder::create(Ino parent, std::string_view name, int flags) {
 }
 
 Result<Attributes> Folder::mkdir(Ino parent, std::string_view name) {
+  setFolderTime(parent, std::nullopt);
   auto folder = replica_.info(parent);
   if (!folder) return folder.failure();
   if (!folder->record.folder) return errnoFailure(ENOTDIR);
@@ -515,6 +530,7 @@ Result<void> Folder::restore(Ino ino, Ino newParent, std::string_view newName) {
 }
 
 Result<void> Folder::removeEntry(Ino parent, std::string_view name, bool folder) {
+  setFolderTime(parent, std::nullopt);
   auto found = replica_.find(parent, name);
   if (!found) return found.failure();
   const Ino ino = *found;
@@ -541,6 +557,8 @@ Result<void> Folder::rmdir(Ino parent, std::string_view name) {
 
 Result<void> Folder::rename(Ino parent, std::string_view name, Ino newParent,
                             std::string_view newName, unsigned flags) {
+  setFolderTime(parent, std::nullopt);
+  setFolderTime(newParent, std::nullopt);
   if (flags & ~unsigned{RENAME_NOREPLACE}) return errnoFailure(EINVAL);
   auto found = replica_.find(parent, name);
   if (!found) return found.failure();

@@ -142,6 +142,8 @@ class Folder {
   // the kernel's cache while unchanged; none: local contents, never kept.
   Opened track(OpenFile file, const std::optional<std::string>& version) EXCLUDES(mutex_);
   Attributes withLocalContents(Attributes attributes);
+  // Sets or (with none) drops the time shown for a folder in place of the cloud's.
+  void setFolderTime(Ino ino, std::optional<Date> modified) EXCLUDES(mutex_);
   // The cloud's contents; newer contents the fetch brought update the
   // replica. With `hold`, the copy stays until the file is released.
   Result<Copies::Opened> readCloudCopy(Ino ino, const NodeInfo& info, bool hold);
@@ -214,6 +216,9 @@ class Folder {
   // The content version the kernel's page cache holds for each inode.
   std::unordered_map<Ino, std::string> cachedVersion_ GUARDED_BY(mutex_);
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> files_ GUARDED_BY(mutex_);
+  // Times programs set on folders (rsync, tar), which the cloud does not keep:
+  // each stands until an entry of its folder changes here.
+  std::unordered_map<Ino, Date> folderTimes_ GUARDED_BY(mutex_);
   std::thread signalThread_;
   // Last: its worker calls into every member above, so it stops first.
   Uploads uploads_;

@@ -45,7 +45,7 @@ struct stat statOf(fuse_req_t req, const Attributes& a) {
   st.st_uid = self(req).uid();
   st.st_gid = self(req).gid();
   st.st_size = static_cast<off_t>(a.size);
-  st.st_blksize = 4096;
+  st.st_blksize = 1 << 20;  // cp and friends move this much per call
   st.st_blocks = static_cast<blkcnt_t>((a.size + 511) / 512);
   st.st_mtim = st.st_ctim = st.st_atim = timeOf(a.modified);
   return st;
@@ -215,23 +215,31 @@ void opOpendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
 
 void readEntries(fuse_req_t req, size_t size, off_t off, fuse_file_info* fi, bool plus) {
   auto* handle = reinterpret_cast<DirHandle*>(fi->fh);
-  std::vector<char> buf(size);
+  // The kernel offers up to a megabyte per call; only what the entries
+  // take is allocated (and touched).
+  std::vector<char> buf;
   size_t used = 0;
   for (size_t i = static_cast<size_t>(off); i < handle->entries.size(); ++i) {
     const Child& child = handle->entries[i];
     const bool dots = i < 2;
-    size_t needed;
+    const auto next = static_cast<off_t>(i + 1);
+    fuse_entry_param e{};
+    struct stat st {};
     if (plus) {
-      fuse_entry_param e = entryOf(req, child.attributes);
+      e = entryOf(req, child.attributes);
       if (dots) e.ino = 0;  // no entry for the kernel to keep
-      needed = fuse_add_direntry_plus(req, buf.data() + used, size - used, child.name.c_str(), &e,
-                                      static_cast<off_t>(i + 1));
     } else {
-      struct stat st = statOf(req, child.attributes);
-      needed = fuse_add_direntry(req, buf.data() + used, size - used, child.name.c_str(), &st,
-                                 static_cast<off_t>(i + 1));
+      st = statOf(req, child.attributes);
     }
+    const char* name = child.name.c_str();
+    size_t needed = plus ? fuse_add_direntry_plus(req, nullptr, 0, name, &e, next)
+                         : fuse_add_direntry(req, nullptr, 0, name, &st, next);
     if (needed > size - used) break;
+    buf.resize(used + needed);
+    if (plus)
+      fuse_add_direntry_plus(req, buf.data() + used, needed, name, &e, next);
+    else
+      fuse_add_direntry(req, buf.data() + used, needed, name, &st, next);
     if (plus && !dots) folderOf(req).replica().countLookup(child.attributes.ino);
     used += needed;
   }

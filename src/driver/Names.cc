@@ -51,9 +51,15 @@ std::string distinctName(std::string_view name, std::string_view identifier, uns
   std::string tag = "~";
   uint32_t h = fnv1a(identifier);
   for (int shift = 20; shift >= 0; shift -= 4) tag += kHex[(h >> shift) & 0xF];
-  if (attempt > 0) tag += "-" + std::to_string(attempt);
+  if (attempt > 0) {
+    tag += '-';
+    tag += std::to_string(attempt);
+  }
   std::string_view stem = cut(name.substr(0, dot), kNameMax - tag.size() - ext.size());
-  return std::string(stem) + tag + std::string(ext);
+  std::string out;
+  out.reserve(stem.size() + tag.size() + ext.size());
+  out.append(stem).append(tag).append(ext);
+  return out;
 }
 
 }  // namespace hvfp::driver

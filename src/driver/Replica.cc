@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <unordered_set>
 
 #include "driver/Names.h"
@@ -102,23 +103,99 @@ struct Replica::FolderState {
   std::string anchor;
 };
 
+// A node's texts other than its identifier and shown name, in one block:
+// the host's name when it is not the name shown, and the two parts of the
+// item version. A large folder holds a hundred thousand nodes, so each
+// pays for one allocation and three lengths, not three strings.
+class Replica::PackedTexts {
+ public:
+  void set(std::string_view shown, const std::optional<std::string>& host,
+           const std::optional<NSFileProviderItemVersion>& version) {
+    flags_ = 0;
+    std::string_view stored;
+    if (!host)
+      flags_ |= kHostAbsent;
+    else if (*host == shown)
+      flags_ |= kHostShown;
+    else
+      stored = *host;
+    std::string_view content, metadata;
+    if (version) {
+      flags_ |= kVersion;
+      content = version->contentVersion;
+      metadata = version->metadataVersion;
+    }
+    hostLength_ = static_cast<uint32_t>(stored.size());
+    contentLength_ = static_cast<uint32_t>(content.size());
+    metadataLength_ = static_cast<uint32_t>(metadata.size());
+    const size_t total = stored.size() + content.size() + metadata.size();
+    bytes_.reset(total ? new char[total] : nullptr);
+    char* at = bytes_.get();
+    for (std::string_view part : {stored, content, metadata}) {
+      if (!part.empty()) std::memcpy(at, part.data(), part.size());
+      at += part.size();
+    }
+  }
+  std::optional<std::string> host(std::string_view shown) const {
+    if (flags_ & kHostAbsent) return std::nullopt;
+    if (flags_ & kHostShown) return std::string(shown);
+    return std::string(part(0, hostLength_));
+  }
+  bool sameHost(std::string_view shown, const std::optional<std::string>& other) const {
+    if (flags_ & kHostAbsent) return !other;
+    if (!other) return false;
+    return *other == ((flags_ & kHostShown) ? shown : part(0, hostLength_));
+  }
+  bool hasVersion() const { return flags_ & kVersion; }
+  std::string_view contentVersion() const { return part(hostLength_, contentLength_); }
+  std::optional<NSFileProviderItemVersion> version() const {
+    if (!hasVersion()) return std::nullopt;
+    return NSFileProviderItemVersion{
+        std::string(contentVersion()),
+        std::string(part(hostLength_ + contentLength_, metadataLength_))};
+  }
+
+ private:
+  static constexpr uint8_t kHostAbsent = 1, kHostShown = 2, kVersion = 4;
+  std::string_view part(size_t offset, size_t length) const {
+    return length ? std::string_view(bytes_.get() + offset, length) : std::string_view();
+  }
+
+  std::unique_ptr<char[]> bytes_;
+  uint32_t hostLength_ = 0;
+  uint32_t contentLength_ = 0;
+  uint32_t metadataLength_ = 0;
+  uint8_t flags_ = kHostAbsent;
+};
+
 struct Replica::Node {
   std::string identifier;
   std::string name;  // as shown; unique in the parent
-  std::optional<std::string> hostName;
+  PackedTexts texts;
   Ino parent = 0;  // 0: not in the tree
   uint64_t lookups = 0;
   uint64_t size = 0;
   Date created = 0;
   Date modified = 0;
-  NSFileProviderItemVersion version;
-  bool hasVersion = false;
+  std::unique_ptr<FolderState> contents;
   uint8_t capabilities = 0;
   bool folder = false;
   bool pinned = false;
   bool reserved = false;     // the root and the trash
   bool trashedHere = false;  // its version came from this system's move to the trash
-  std::unique_ptr<FolderState> contents;
+
+  std::optional<std::string> hostName() const { return texts.host(name); }
+  bool sameHostName(const std::optional<std::string>& other) const {
+    return texts.sameHost(name, other);
+  }
+  // Only while the node is in no folder's table: that table's key views
+  // the name.
+  void setName(std::string shown) {
+    auto host = hostName();
+    auto version = texts.version();
+    name = std::move(shown);
+    texts.set(name, host, version);
+  }
 };
 
 Replica::Replica(NSFileProviderReplicatedExtension& extension, Invalidator& invalidator)
@@ -136,7 +213,7 @@ Replica::Replica(NSFileProviderReplicatedExtension& extension, Invalidator& inva
     nodes_.emplace(ino, std::move(node));
   }
   Node& trash = *nodes_[kTrashIno];
-  trash.name = std::string(kTrashName);
+  trash.setName(std::string(kTrashName));
   trash.parent = kRootIno;
   nodes_[kRootIno]->contents->children.emplace(trash.name, kTrashIno);
 }
@@ -169,14 +246,12 @@ Attributes Replica::attributesOf(Ino ino, const Node& node) const {
 Ino Replica::makeNode(const ItemRecord& record) {
   auto node = std::make_unique<Node>();
   node->identifier = record.identifier;
-  node->hostName = record.filename;
+  node->texts.set(node->name, record.filename, record.version);
   node->folder = record.folder;
   node->size = record.size;
   node->created = record.created;
   node->modified = record.modified;
   node->capabilities = static_cast<uint8_t>(record.capabilities);
-  node->hasVersion = record.version.has_value();
-  if (record.version) node->version = *record.version;
   if (node->folder) node->contents = std::make_unique<FolderState>();
   Ino ino = nextIno_++;
   if (!node->identifier.empty()) byIdentifier_.emplace(node->identifier, ino);
@@ -188,16 +263,12 @@ void Replica::update(Ino ino, Node& node, const ItemRecord& record, bool fromRep
   const bool keepVersion = fromReport && node.trashedHere && record.parent == kTrashId;
   const bool contentChanged =
       !keepVersion &&
-      (node.hasVersion != record.version.has_value() ||
-       (record.version && record.version->contentVersion != node.version.contentVersion));
+      (node.texts.hasVersion() != record.version.has_value() ||
+       (record.version && record.version->contentVersion != node.texts.contentVersion()));
   const bool attributesChanged = node.size != record.size || node.created != record.created ||
                                  node.modified != record.modified ||
                                  node.capabilities != record.capabilities;
-  if (!keepVersion) {
-    node.hasVersion = record.version.has_value();
-    node.version = record.version.value_or(NSFileProviderItemVersion{});
-  }
-  node.hostName = record.filename;
+  node.texts.set(node.name, record.filename, keepVersion ? node.texts.version() : record.version);
   node.size = record.size;
   node.created = record.created;
   node.modified = record.modified;
@@ -209,11 +280,11 @@ void Replica::update(Ino ino, Node& node, const ItemRecord& record, bool fromRep
 }
 
 void Replica::claimName(Ino ino, Node& node, FolderState& folder) {
-  std::string base = linuxName(node.hostName);
+  std::string base = linuxName(node.hostName());
   std::string name = base;
   for (unsigned attempt = 0; folder.children.count(name); ++attempt)
     name = distinctName(base, node.identifier, attempt);
-  node.name = std::move(name);
+  node.setName(std::move(name));
   folder.children.emplace(node.name, ino);
 }
 
@@ -303,7 +374,7 @@ void Replica::applyContents(Ino folderIno, std::vector<ItemRecord> records,
       Ino ino = it->second;
       Node& node = *get(ino);
       if (node.pinned || node.reserved) continue;
-      const bool renamed = node.hostName != record.filename;
+      const bool renamed = !node.sameHostName(record.filename);
       update(ino, node, record, true, batch);
       if (node.parent != folderIno || renamed) {
         detach(ino, node, &batch);
@@ -340,7 +411,7 @@ void Replica::applyChange(const ItemRecord& record, Batch& batch) {
   if (node.pinned || node.reserved) return;
   for (Ino up = target; up; up = get(up) ? get(up)->parent : 0)
     if (up == ino) return;  // it cannot move below itself
-  const bool renamed = node.hostName != record.filename;
+  const bool renamed = !node.sameHostName(record.filename);
   update(ino, node, record, true, batch);
   if (target != node.parent || renamed) {
     detach(ino, node, &batch);
@@ -482,13 +553,13 @@ Result<NodeInfo> Replica::info(Ino ino) {
   ItemRecord& r = info.record;
   r.identifier = node->identifier;
   r.parent = info.parentIdentifier;
-  r.filename = node->hostName;
+  r.filename = node->hostName();
   r.folder = node->folder;
   r.size = node->size;
   r.created = node->created;
   r.modified = node->modified;
   r.capabilities = node->capabilities;
-  if (node->hasVersion) r.version = node->version;
+  r.version = node->texts.version();
   return info;
 }
 
@@ -519,7 +590,7 @@ Result<Attributes> Replica::add(Ino parent, std::string_view name, const ItemRec
   Ino ino = makeNode(record);
   Node& node = *get(ino);
   node.parent = parent;
-  node.name = std::string(name);
+  node.setName(std::string(name));
   folder->contents->children.emplace(node.name, ino);
   if (node.contents) node.contents->filled = isProvisional(node.identifier);
   node.pinned = isProvisional(node.identifier);
@@ -555,7 +626,7 @@ void Replica::apply(Ino ino, const ItemRecord& record) {
     if (node->contents && !node->contents->filled && isProvisional(node->identifier))
       node->contents->filled = true;  // a folder made here has nothing to list yet
     if (!record.parent.empty()) node->trashedHere = record.parent == kTrashId;
-    const bool renamed = node->hostName != record.filename;
+    const bool renamed = !node->sameHostName(record.filename);
     update(ino, *node, record, false, batch);
     Ino target = record.parent.empty() ? node->parent : placeFor(record.parent, false);
     for (Ino up = target; up; up = get(up) ? get(up)->parent : 0)

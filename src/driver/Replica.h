@@ -164,6 +164,7 @@ class Replica {
   void reportWorkingSet() EXCLUDES(mutex_);
 
  private:
+  class PackedTexts;
   struct Node;
   struct FolderState;
   using Batch = std::vector<Invalidation>;

@@ -30,7 +30,12 @@ std::chrono::milliseconds Uploads::pauseAfter(int failures) {
 
 void Uploads::schedule(Ino ino, uint64_t generation) {
   MutexLock lock(mutex_);
-  Job& job = jobs_[ino];
+  auto [it, added] = jobs_.try_emplace(ino);
+  Job& job = it->second;
+  // A file just closed is often renamed or removed at once (temporary files
+  // of rsync, editors, databases): a short pause lets that happen before
+  // the cloud sees it under its passing name.
+  if (added) job.due = Clock::now() + kSettle;
   job.wanted = std::max(job.wanted, generation);
   changed_.notify_all();
 }
@@ -41,6 +46,10 @@ bool Uploads::waitFor(Ino ino, uint64_t generation) {
     auto it = jobs_.find(ino);
     if (it == jobs_.end() || it->second.sent >= generation) return true;
     if (it->second.failedAt >= generation && !it->second.running) return false;
+    if (!it->second.failures && it->second.due != Clock::time_point{}) {
+      it->second.due = {};  // someone waits: no pause
+      changed_.notify_all();
+    }
     changed_.wait(lock);
   }
 }

@@ -1,6 +1,7 @@
 // Uploads: the write-back queue. Sealed local contents are sent one upload
 // at a time per inode, newest first: an upload started while several states
-// were sealed sends only the newest. A failed upload is tried again after a
+// were sealed sends only the newest. A file new to the queue rests briefly
+// before its first attempt, unless someone waits for it. A failed upload is tried again after a
 // pause that doubles up to a minute, for as long as the mount lives.
 //
 // The attempt itself is its maker's: it sends the inode's newest sealed
@@ -53,6 +54,9 @@ class Uploads {
   bool drain(std::chrono::milliseconds bound) EXCLUDES(mutex_);
 
   static std::chrono::milliseconds pauseAfter(int failures);
+  // How long a newly sealed file rests before its first attempt, unless
+  // someone waits for it.
+  static constexpr std::chrono::milliseconds kSettle{300};
 
  private:
   struct Job {

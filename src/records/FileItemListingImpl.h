@@ -246,7 +246,7 @@ class ChunkPool {
     {
       std::lock_guard lock(mutex());
       auto& free = chunks();
-      if ((free.size() + 1) * kBytes <= kPoolLimit) {
+      if ((free.size() + 1) * kBytes <= kPoolLimit && ReplyBuffers::keeping()) {
         free.push_back(chunk);
         return;
       }
@@ -352,7 +352,8 @@ error_code readWithParser(ListingBlock& block, uint64_t& lasttime) {
   static std::mutex largeMutex;
   static od::parser* large = new od::parser;  // kept for the process
   std::unique_lock lock(largeMutex, std::try_to_lock);
-  if (lock && block.text.size() <= kCacheLimit) return readListing(*large, block, lasttime);
+  if (lock && block.text.size() <= kCacheLimit && ReplyBuffers::keeping())
+    return readListing(*large, block, lasttime);
   od::parser own;
   return readListing(own, block, lasttime);
 }

@@ -1,136 +1,15 @@
 // `halvofp mount` against halvo-hostd when things go wrong for it: a mount
 // killed while its writes wait for upload, an editor's atomic save, and a
 // cache far smaller than what is read.
-#include <signal.h>
-#include <sys/mount.h>
-
 #include <regex>
 
 #include "digest/NSDataExpand.h"
-#include "driver/MountFixture.h"
-#include "hostlink/HalvoProviderClient.h"
-#include "platform/Log.h"
-#include "records/Json.h"
-#include "records/JsonReading.h"
-#include "support/ChildProcess.h"
-#include "support/PrivateBus.h"
+#include "driver/HostFolder.h"
 
 namespace hvfp::driver::test {
 namespace {
 
-using hvfp::test::spawn;
-using hvfp::test::waitExit;
-
-const std::string kDomain = "durability";
-
-bool mountedAt(const fs::path& dir) {
-  std::ifstream in("/proc/self/mountinfo");
-  for (std::string line; std::getline(in, line);)
-    if (line.find(" " + dir.string() + " ") != std::string::npos &&
-        line.find("fuse.halvofp") != std::string::npos)
-      return true;
-  return false;
-}
-
-class Durability : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (auto why = fuseUnusable(); !why.empty()) GTEST_SKIP() << why;
-    if (!hvfp::test::PrivateBus::available()) GTEST_SKIP() << "dbus-daemon not installed";
-    bus = std::make_unique<hvfp::test::PrivateBus>();
-    ASSERT_TRUE(bus->ok()) << bus->error();
-    root = fs::temp_directory_path() /
-           ("durability-" + std::to_string(::getpid()) + "-" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(root);
-    fs::create_directories(mnt());
-    setenv("XDG_CACHE_HOME", (root / "cache").c_str(), 1);
-    host = spawn(
-        {HALVO_HOSTD_BIN, "--root", (root / "store").string(), "--port", "0", "--upload-ports", "0",
-         "--download-port", "0", "--admin-port", "0", "--seed", "sample", "--quiet"},
-        root / "hostd.log");
-    ASSERT_GT(host, 0);
-    ASSERT_TRUE(eventually([&] {
-      auto v = objectFromJSONString(readAll(root / "store" / "hostd.ports.json"));
-      if (!v || !v->find("query")) return false;
-      queryPort = readInteger(*v, "query");
-      return queryPort > 0;
-    })) << "halvo-hostd did not start; see "
-        << (root / "hostd.log");
-    client.setNPort(queryPort);
-    setLogSink(LogSink::Silent);
-  }
-
-  void TearDown() override {
-    if (mount > 0) {
-      ::kill(mount, SIGTERM);
-      EXPECT_EQ(waitExit(mount, std::chrono::seconds(60)), 0) << readAll(logPath);
-    }
-    if (host > 0) {
-      ::kill(host, SIGTERM);
-      waitExit(host);
-    }
-    bus.reset();
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-
-  void startMount(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args = {HALVOFP_BIN,
-                                     "mount",
-                                     mnt().string(),
-                                     "--foreground",
-                                     "-v",
-                                     "--port",
-                                     std::to_string(queryPort),
-                                     "--domain",
-                                     kDomain};
-    args.insert(args.end(), extra.begin(), extra.end());
-    logPath = root / ("mount-" + std::to_string(++mounts) + ".log");
-    mount = spawn(args, logPath);
-    ASSERT_GT(mount, 0);
-    ASSERT_TRUE(eventually([&] { return mountedAt(mnt()); })) << readAll(logPath);
-  }
-  // As a crash leaves it: no unmount, no waiting for uploads.
-  void killMount() {
-    ::kill(mount, SIGKILL);
-    waitExit(mount);
-    mount = -1;
-    ::umount2(mnt().c_str(), MNT_DETACH);
-    ASSERT_FALSE(mountedAt(mnt()));
-  }
-
-  fs::path mnt() const { return root / "mnt"; }
-  fs::path cache() const { return root / "cache" / "halvofp" / kDomain; }
-  Shell run(const std::string& command) {
-    return sh("cd " + quoted(mnt()) + " && export LC_ALL=C && " + command);
-  }
-  int ctl(std::vector<std::string> args) {
-    args.insert(args.begin(), {HALVO_HOSTD_BIN, "ctl", "--root", (root / "store").string()});
-    return waitExit(spawn(args, root / "ctl.log"));
-  }
-  // The content hash of each file the host has in Docs, by name.
-  std::map<std::string, std::string> docsHashes() {
-    std::map<std::string, std::string> out;
-    uint64_t lasttime = 0;
-    for (auto& r : client.getFiles("1", lasttime))
-      out[std::string(r->strFileName.value_or(""))] = std::string(r->strFileHash.value_or(""));
-    return out;
-  }
-  size_t trashedNamed(const std::string& name) {
-    size_t n = 0;
-    for (auto& r : client.getTrash()) n += r->strFileName.value_or("") == name;
-    return n;
-  }
-
-  std::unique_ptr<hvfp::test::PrivateBus> bus;
-  fs::path root;
-  pid_t host = -1, mount = -1;
-  int64_t queryPort = 0;
-  int mounts = 0;
-  fs::path logPath;
-  HalvoProviderClient client;
-};
+using Durability = HostFolder;
 
 TEST_F(Durability, WritesOfAKilledMountReachTheCloudAtTheNextMount) {
   startMount();
@@ -157,7 +36,7 @@ TEST_F(Durability, WritesOfAKilledMountReachTheCloudAtTheNextMount) {
   std::string copy;
   ASSERT_TRUE(eventually(
       [&] {
-        hashes = docsHashes();
+        hashes = hostHashes();
         for (auto& [name, hash] : hashes)
           if (std::regex_match(name, conflicted)) copy = name;
         for (auto& [name, bytes] : written)
@@ -197,7 +76,7 @@ TEST_F(Durability, EditorsAtomicSaveReplacesTheFileAndTrashesTheOldOne) {
     ASSERT_EQ(done.rc, 0) << done.out;
     EXPECT_EQ(readAll(mnt() / "Docs/notes.md"), save.bytes);
     EXPECT_TRUE(eventually([&] {
-      auto hashes = docsHashes();
+      auto hashes = hostHashes();
       return hashes["notes.md"] == sha1HexDigest(save.bytes) && !hashes.count(save.aside);
     }));
     // Every version replaced is in the trash.
@@ -217,7 +96,7 @@ TEST_F(Durability, SmallCacheKeepsCopiesWithinItsLimitAndOpenFilesReadable) {
   }
   ASSERT_TRUE(
       eventually([&] { return run("ls Docs").out.find("big-3.bin") != std::string::npos; }));
-  auto all = docsHashes();
+  auto all = hostHashes();
   for (auto& n : names) hashes.push_back(all[n]);
   auto cachedBytes = [&] {
     uintmax_t total = 0;

@@ -1,5 +1,6 @@
 #include "platform/http/ReplyBuffers.h"
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -11,6 +12,8 @@ struct Kept {
   std::vector<std::string> buffers;
   size_t bytes = 0;
 };
+
+std::atomic<bool> keep{true};
 
 Kept& kept() {
   static auto* k = new Kept;  // never destroyed: late gives during exit are fine
@@ -38,12 +41,24 @@ std::string ReplyBuffers::take(size_t capacity) {
 }
 
 void ReplyBuffers::give(std::string&& buffer) {
-  if (buffer.capacity() < kSmallest) return;
+  if (buffer.capacity() < kSmallest || !keeping()) return;
   Kept& k = kept();
   std::lock_guard lock(k.mutex);
   if (k.bytes + buffer.capacity() > kLimit) return;
   k.bytes += buffer.capacity();
   k.buffers.push_back(std::move(buffer));
 }
+
+void ReplyBuffers::setKeeping(bool on) {
+  keep = on;
+  if (on) return;
+  std::vector<std::string> freed;
+  Kept& k = kept();
+  std::lock_guard lock(k.mutex);
+  freed.swap(k.buffers);
+  k.bytes = 0;
+}
+
+bool ReplyBuffers::keeping() { return keep; }
 
 }  // namespace hvfp

@@ -22,6 +22,14 @@ class ReplyBuffers {
   // Keeps the buffer's memory for a later take(), if it is large and there
   // is room; frees it otherwise.
   static void give(std::string&& buffer);
+
+  // Whether memory for large replies is kept for reuse at all: these
+  // buffers, and the listing reader's parser and record chunks. On by
+  // default: a console command or a benchmark lists again at once. A mount
+  // lives for days and lists a big folder now and then, so it turns this
+  // off; what was kept is freed.
+  static void setKeeping(bool keep);
+  static bool keeping();
 };
 
 }  // namespace hvfp
