@@ -21,6 +21,7 @@
 
 #include "driver/Folder.h"
 #include "driver/FuseAdapter.h"
+#include "driver/StatusServer.h"
 #include "extension/FileProviderExtension.h"
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"
@@ -138,8 +139,19 @@ int serveFolder(const MountOptions& options, int ready, std::ostream& err) {
     return 1;
   }
   log("halvofp: {} mounted on {}", options.domain, options.dir);
+  auto status = driver::StatusServer::start(
+      cache + "/status.sock",
+      [&] {
+        driver::Status s{options.dir, options.domain, std::nullopt, ::getpid(), folder.status()};
+        s.host = client.strHost() + ":" + std::to_string(client.nPort());
+        return driver::statusJson(s);
+      },
+      [&] { folder.sampleTransfers(); });
+  if (!status) log("halvofp: no status for halvofp status: {}", status.failure().message);
   report("ok");
   int rc = adapter.serve(folder, true);
+  // Gone before the folder it reports on.
+  if (status) status->reset();
   log("halvofp: {} unmounted", options.dir);
   if (!folder.finish(options.uploadWait))
     log("halvofp: uploads still running after {} s; their contents stay in {}/work",

@@ -10,6 +10,7 @@
 
 #include "cli/Console.h"
 #include "cli/MountCommand.h"
+#include "cli/StatusCommand.h"
 #include "hostlink/HalvoProviderClient.h"
 #include "platform/Log.h"
 
@@ -43,7 +44,8 @@ int main(int argc, char** argv) {
   int64_t port = 0;
   app.add_option("--port", port, "the host app's query port (default 24753), sent as a port event")
       ->check(CLI::Range(int64_t{1}, int64_t{65535}));
-  app.add_flag("--json", options.json, "one JSON object per item, every property by name");
+  app.add_flag("--json", options.json,
+               "one JSON object per item, every property by name (status: one per mount)");
   app.add_flag("-v,--verbose", verbose, "show the provider's log lines on stderr");
   app.add_option("--domain", options.domain, "the domain's name (names its cache folder)")
       ->capture_default_str();
@@ -140,6 +142,18 @@ int main(int argc, char** argv) {
   mount->add_flag("-v,--verbose", mountOptions.verbose,
                   "with --foreground: the provider's log lines on stderr");
 
+  hvfp::cli::StatusOptions statusOptions;
+  auto* status = app.add_subcommand(
+      "status",
+      "what running mounts are doing: mount point, domain, host; transfers in flight (name, "
+      "direction, bytes, rate); uploads waiting (name, size, failures, next attempt, last "
+      "error); cache use and limit. With --json, one object per mount with the keys "
+      "mountpoint, domain, host, pid, transfers [name, direction, bytes, total, rate], "
+      "pending [name, size, state, failures, next_attempt, error], cache [bytes, limit, "
+      "copies]");
+  status->add_option("DIR", statusOptions.dir,
+                     "a folder in the mount to show (default: every running mount)");
+
   std::string unmountDir;
   auto* unmount = app.add_subcommand("unmount", "unmount a folder that halvofp mount made");
   unmount->add_option("DIR", unmountDir, "the folder")->required();
@@ -163,6 +177,10 @@ int main(int argc, char** argv) {
     return hvfp::cli::mount(mountOptions, std::cerr);
   }
   if (*unmount) return hvfp::cli::unmount(unmountDir, std::cerr);
+  if (*status) {
+    statusOptions.json = options.json;
+    return hvfp::cli::status(statusOptions, std::cout, std::cerr);
+  }
 
   hvfp::setLogSink(verbose ? hvfp::LogSink::Stderr : hvfp::LogSink::Silent);
   options.terminal = ::isatty(STDERR_FILENO) == 1;

@@ -65,11 +65,12 @@ std::optional<std::string> contentHashOf(const std::optional<NSFileProviderItemV
 }
 
 Copies::Copies(NSFileProviderReplicatedExtension& extension, std::string folder, std::string cache,
-               uint64_t limitBytes)
+               uint64_t limitBytes, std::shared_ptr<Transfers> transfers)
     : extension_(extension),
       folder_(std::move(folder)),
       cache_(std::filesystem::path(cache).lexically_normal().string()),
-      limit_(limitBytes) {
+      limit_(limitBytes),
+      transfers_(std::move(transfers)) {
   namespace fs = std::filesystem;
   std::error_code ec;
   fs::remove_all(folder_, ec);
@@ -115,11 +116,11 @@ std::optional<Copies::Stamp> Copies::stampOf(const std::string& path) {
 
 Result<Copies::Opened> Copies::open(const std::string& identifier,
                                     const std::optional<NSFileProviderItemVersion>& version,
-                                    bool hold) {
+                                    bool hold, const std::string& label) {
   // A copy may vanish underneath (cleaned away, or replaced by a download of
   // the same contents): then it is fetched once more.
   for (int attempt = 0; attempt < 2; ++attempt) {
-    auto copy = checked(identifier, version);
+    auto copy = checked(identifier, version, label.empty() ? identifier : label);
     if (!copy) return copy.failure();
     MutexLock lock(mutex_);
     int fd = ::open(copy->path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -159,7 +160,8 @@ std::optional<std::string> Copies::stillChecked(const std::string& key) {
 }
 
 Result<Copies::Checked> Copies::checked(const std::string& identifier,
-                                        const std::optional<NSFileProviderItemVersion>& version) {
+                                        const std::optional<NSFileProviderItemVersion>& version,
+                                        const std::string& label) {
   const std::string key = keyOf(identifier, version);
   std::optional<std::string> held;
   std::shared_ptr<Fetch> mine;
@@ -203,7 +205,7 @@ Result<Copies::Checked> Copies::checked(const std::string& identifier,
     if (auto b = busy_.find(*held); b != busy_.end() && --b->second == 0) busy_.erase(b);
   }
   for (int fetches = 0; !good && fetches < 2; ++fetches) {
-    auto got = fetch(identifier, version);
+    auto got = fetch(identifier, version, label);
     if (!got) {
       error = got.failure().code ? got.failure().code : EIO;
       break;
@@ -256,9 +258,12 @@ bool Copies::matches(const std::string& identifier,
 }
 
 Result<Copies::Checked> Copies::fetch(const std::string& identifier,
-                                      const std::optional<NSFileProviderItemVersion>& version) {
+                                      const std::optional<NSFileProviderItemVersion>& version,
+                                      const std::string& label) {
   auto answer = std::make_shared<FetchAnswer>();
-  extension_.fetchContentsForItemWithIdentifier(
+  std::optional<Transfers::Id> transfer;
+  if (transfers_) transfer = transfers_->begin(label, Direction::Download);
+  auto progress = extension_.fetchContentsForItemWithIdentifier(
       identifier, version, {},
       [answer](std::optional<std::string> path, NSFileProviderItemRef item,
                std::optional<Error> error) {
@@ -270,8 +275,11 @@ Result<Copies::Checked> Copies::fetch(const std::string& identifier,
         answer->error = std::move(error);
         answer->done.notify_all();
       });
+  if (transfer) transfers_->attach(*transfer, std::move(progress));
   std::unique_lock lock(answer->mutex);
   answer->done.wait(lock, [&] { return answer->answered; });
+  lock.unlock();
+  if (transfer) transfers_->end(*transfer);
   if (answer->error) return errnoFailure(errnoFor(*answer->error));
   if (!answer->path || answer->path->empty()) return errnoFailure(EIO, "fetch gave no file");
   Checked out{*answer->path, std::nullopt};

@@ -21,8 +21,11 @@
 // upload reported, so it need not come back down; taken-in files live in
 // the copies folder, which is emptied when the copies are made.
 //
+// Each fetch it makes shows in `transfers`, when given, under the label the
+// open named, while it runs.
+//
 // Ownership: owns its tables and the cache files it counts; the extension
-// is its maker's. Threads: any thread; open() blocks its caller until the
+// is its maker's; the transfers are shared. Threads: any thread; open() blocks its caller until the
 // copy is there, without holding the lock.
 #pragma once
 
@@ -38,6 +41,7 @@
 #include <utility>
 
 #include "driver/Replica.h"
+#include "driver/Transfers.h"
 #include "platform/Result.h"
 #include "platform/ThreadAnnotations.h"
 #include "platform/fileprovider/FileProvider.h"
@@ -66,17 +70,18 @@ class Copies {
   // `folder` holds taken-in files; `cache` is the folder whose files count
   // (both the domain's). `limitBytes` caps the files counted.
   Copies(NSFileProviderReplicatedExtension& extension, std::string folder, std::string cache,
-         uint64_t limitBytes);
+         uint64_t limitBytes, std::shared_ptr<Transfers> transfers = nullptr);
   ~Copies();
   Copies(const Copies&) = delete;
   Copies& operator=(const Copies&) = delete;
 
   // A descriptor open for reading on the item's contents at `version`, or
   // newer when the fetch delivered newer. With `hold`, the copy is not
-  // evicted until closed(). Failures carry an errno.
+  // evicted until closed(). A fetch it needs is shown as `label` (by
+  // default the identifier). Failures carry an errno.
   Result<Opened> open(const std::string& identifier,
-                      const std::optional<NSFileProviderItemVersion>& version, bool hold)
-      EXCLUDES(mutex_);
+                      const std::optional<NSFileProviderItemVersion>& version, bool hold,
+                      const std::string& label = {}) EXCLUDES(mutex_);
   // An open made with `hold` was closed.
   void closed(const std::string& file) EXCLUDES(mutex_);
   // The file at `path` holds the item's contents at `version`: it is moved
@@ -115,11 +120,13 @@ class Copies {
   static std::optional<Stamp> stampOf(const std::string& path);
   // The path of a checked copy: the one held, or fetched and checked now.
   Result<Checked> checked(const std::string& identifier,
-                          const std::optional<NSFileProviderItemVersion>& version) EXCLUDES(mutex_);
+                          const std::optional<NSFileProviderItemVersion>& version,
+                          const std::string& label) EXCLUDES(mutex_);
   // Whether the file held for `key` is still the checked one.
   std::optional<std::string> stillChecked(const std::string& key) REQUIRES(mutex_);
   Result<Checked> fetch(const std::string& identifier,
-                        const std::optional<NSFileProviderItemVersion>& version);
+                        const std::optional<NSFileProviderItemVersion>& version,
+                        const std::string& label);
   // Hashes the file against the version's content hash; false on a
   // mismatch (logged, and the file deleted when it is a cache file).
   bool matches(const std::string& identifier, const std::optional<NSFileProviderItemVersion>& v,
@@ -136,6 +143,7 @@ class Copies {
   const std::string folder_;
   const std::string cache_;
   const uint64_t limit_;
+  const std::shared_ptr<Transfers> transfers_;
   Mutex mutex_;
   std::condition_variable_any fetched_;
   uint64_t adopted_ GUARDED_BY(mutex_) = 0;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "platform/Error.h"
 
@@ -13,5 +14,10 @@ namespace hvfp::driver {
 // confirmed: EIO; anything else: EIO, with a log line naming it.
 int errnoFor(const Error& error);
 inline int errnoFor(const std::optional<Error>& error) { return error ? errnoFor(*error) : 0; }
+
+// One line for people: the code and text an upload's failure carries, when
+// it carries them, then the domain and code ("error 40309 \"no room\"
+// (NSCocoaErrorDomain 5120)").
+std::string failureText(const Error& error);
 
 }  // namespace hvfp::driver

@@ -35,7 +35,7 @@ Folder::Folder(NSFileProviderReplicatedExtension& extension,
       options_(std::move(options)),
       replica_(extension, invalidator),
       copies_(extension, options_.cacheFolder + "/copies", options_.cacheFolder,
-              options_.cacheLimit),
+              options_.cacheLimit, transfers_),
       working_(options_.cacheFolder + "/work"),
       journal_(options_.cacheFolder + "/pending"),
       uploads_([this](Ino ino, Uploads::Done done) { attemptUpload(ino, std::move(done)); }) {
@@ -216,7 +216,8 @@ Result<struct statvfs> Folder::statfs() {
 // --- contents ----------------------------------------------------------
 
 Result<Copies::Opened> Folder::readCloudCopy(Ino ino, const NodeInfo& info, bool hold) {
-  auto opened = copies_.open(info.record.identifier, info.record.version, hold);
+  auto opened = copies_.open(info.record.identifier, info.record.version, hold,
+                             replica_.pathOf(ino).value_or(info.name));
   if (!opened) return opened.failure();
   if (opened->fetched && opened->fetched->version != info.record.version) {
     // The provider delivered newer contents than we knew of.

@@ -31,6 +31,10 @@
 // upload sends, and set on a file in step with the cloud, the contents go
 // again with it. A file open for reading sees what writers wrote since.
 //
+// status() reports what the folder moves and holds for `halvofp status`,
+// from short looks under each part's own lock; it never waits on the
+// provider.
+//
 // Ownership: owns the replica, the copies, the working copies, the pending
 // records, the upload queue and its signal thread; the extension, the manager and the
 // invalidator are its maker's and outlive it. Answers that arrive after the
@@ -61,6 +65,8 @@
 #include "driver/Gate.h"
 #include "driver/Pending.h"
 #include "driver/Replica.h"
+#include "driver/Status.h"
+#include "driver/Transfers.h"
 #include "driver/Uploads.h"
 #include "driver/WorkingCopies.h"
 #include "platform/fileprovider/NSFileProviderManager.h"
@@ -112,6 +118,10 @@ class Folder {
   bool finish(std::chrono::milliseconds bound);
   Replica& replica() { return replica_; }
   Copies::Use cacheUse() { return copies_.use(); }
+  // Transfers running, uploads waiting, the cache's use.
+  FolderStatus status();
+  // Records where transfers stand, for their rates; call about once a second.
+  void sampleTransfers() { transfers_->sample(); }
 
   Result<Attributes> lookup(Ino parent, std::string_view name);
   void forget(Ino ino, uint64_t count);
@@ -160,6 +170,7 @@ class Folder {
     NSFileProviderItemRef item;         // what the cloud reported for the contents
     std::optional<ItemRecord> current;  // the item the contents were meant for, as it was
     std::string placed;                 // identifier of the folder the contents went to
+    std::string error;                  // why not, when not ok
   };
   struct Recovered {
     std::string record;  // its name in the pending folder
@@ -182,6 +193,10 @@ class Folder {
   Result<std::optional<ItemRecord>> childNamed(const std::string& folder, const std::string& name);
   // Has the signal thread run the container's change report.
   void refresh(const std::string& container) EXCLUDES(mutex_);
+  // Where an item named `name` in that folder is shown ("Docs/a.txt"); the
+  // bare name when the folder is not.
+  std::string pathIn(const std::string& parentIdentifier, const std::string& name);
+  PendingStatus pendingStatus(const Uploads::Waiting& waiting) EXCLUDES(recoveryMutex_);
   Result<NSFileProviderItemRef> modify(const NodeInfo& info, uint64_t fields,
                                        const std::optional<std::string>& name,
                                        const std::optional<std::string>& parent);
@@ -198,6 +213,8 @@ class Folder {
   Invalidator& invalidator_;
   FolderOptions options_;
   std::shared_ptr<Gate> gate_ = Gate::make();
+  // Shared with the handlers of the calls it shows, which may outlive the folder.
+  std::shared_ptr<Transfers> transfers_ = std::make_shared<Transfers>();
   Replica replica_;
   Copies copies_;
   WorkingCopies working_;

@@ -96,6 +96,55 @@ void Folder::refresh(const std::string& container) {
   signalled_.notify_all();
 }
 
+std::string Folder::pathIn(const std::string& parentIdentifier, const std::string& name) {
+  auto folder = replica_.inoOf(parentIdentifier);
+  auto path = folder ? replica_.pathOf(*folder) : std::nullopt;
+  return path ? *path + "/" + name : name;
+}
+
+// --- what `halvofp status` shows -----------------------------------------
+
+PendingStatus Folder::pendingStatus(const Uploads::Waiting& waiting) {
+  PendingStatus p;
+  std::string file;
+  if (waiting.ino > kRecoveredBase) {
+    std::optional<PendingUpload> upload;
+    {
+      MutexLock lock(recoveryMutex_);
+      if (auto it = recovered_.find(waiting.ino); it != recovered_.end())
+        upload = it->second.upload;
+    }
+    if (upload) {
+      p.name = pathIn(upload->parent, upload->name);
+      file = upload->file;
+    }
+  } else {
+    if (auto sealed = working_.pending(waiting.ino)) file = sealed->path;
+    auto info = replica_.info(waiting.ino);
+    p.name = replica_.pathOf(waiting.ino).value_or(info ? info->name : std::string());
+  }
+  struct stat st {};
+  if (!file.empty() && ::stat(file.c_str(), &st) == 0) p.size = static_cast<uint64_t>(st.st_size);
+  p.state = waiting.running    ? PendingStatus::State::Sending
+            : waiting.failures ? PendingStatus::State::Failed
+                               : PendingStatus::State::Waiting;
+  p.failures = static_cast<uint64_t>(waiting.failures);
+  if (waiting.next)
+    p.nextAttempt =
+        std::chrono::ceil<std::chrono::seconds>(waiting.next->time_since_epoch()).count();
+  if (!waiting.error.empty()) p.error = waiting.error;
+  return p;
+}
+
+FolderStatus Folder::status() {
+  FolderStatus s;
+  s.transfers = transfers_->snapshot();
+  for (const auto& waiting : uploads_.waiting()) s.pending.push_back(pendingStatus(waiting));
+  const Copies::Use use = copies_.use();
+  s.cache = CacheStatus{use.bytes, use.limit, use.files};
+  return s;
+}
+
 // --- what an earlier mount left ------------------------------------------
 
 void Folder::recover() {
@@ -143,7 +192,7 @@ void Folder::attemptRecovered(Ino ino, Uploads::Done done) {
   {
     MutexLock lock(recoveryMutex_);
     auto it = recovered_.find(ino);
-    if (it == recovered_.end()) return done(1, true);
+    if (it == recovered_.end()) return done(1, {});
     r = it->second;
   }
   auto finished = [this, ino, r] {
@@ -154,16 +203,16 @@ void Folder::attemptRecovered(Ino ino, Uploads::Done done) {
   if (::access(r.upload.file.c_str(), R_OK) != 0) {
     log("driver: the contents an earlier mount left for {} are gone", r.upload.name);
     finished();
-    return done(1, true);
+    return done(1, {});
   }
   send(r.upload, r.upload.file, true, "", [this, gate = gate_, r, finished, done](Sent sent) {
     gate->pass([&] {
-      if (!sent.ok) return done(1, false);
+      if (!sent.ok) return done(1, fail(sent.error));
       log("driver: {} from an earlier mount: {}", r.upload.name, wordFor(sent.outcome));
       ::unlink(r.upload.file.c_str());
       finished();
       if (!sent.placed.empty()) refresh(sent.placed);
-      done(1, true);
+      done(1, {});
     });
   });
 }
@@ -173,28 +222,28 @@ void Folder::attemptRecovered(Ino ino, Uploads::Done done) {
 void Folder::attemptUpload(Ino ino, Uploads::Done done) {
   if (ino > kRecoveredBase) return attemptRecovered(ino, std::move(done));
   auto sealed = working_.pending(ino);
-  if (!sealed) return done(0, true);
+  if (!sealed) return done(0, {});
   auto info = replica_.info(ino);
   if (!info || info->parent == 0 || info->parent == kTrashIno) {
     // Writes to a file that was removed meanwhile go with it.
     working_.drop(ino);
     journal_.erase(ino);
-    return done(sealed->generation, true);
+    return done(sealed->generation, {});
   }
   if (::access(sealed->path.c_str(), R_OK) != 0) {
     log("driver: the local contents of {} are gone ({})", info->name, std::strerror(errno));
     working_.drop(ino);
     journal_.erase(ino);
-    return done(sealed->generation, true);
+    return done(sealed->generation, {});
   }
   const uint64_t generation = sealed->generation;
   send(pendingOf(*info, sealed->path), sealed->path, false,
        info->provisional ? info->record.identifier : std::string(),
        [this, gate = gate_, ino, generation, done](Sent sent) {
          gate->pass([&] {
-           if (!sent.ok) return done(generation, false);
+           if (!sent.ok) return done(generation, fail(sent.error));
            uploadReported(ino, generation, sent);
-           done(generation, true);
+           done(generation, {});
          });
        });
 }
@@ -226,7 +275,11 @@ void Folder::uploadReported(Ino ino, uint64_t generation, const Sent& sent) {
 void Folder::send(const PendingUpload& upload, const std::string& file, bool check,
                   const std::string& asIdentifier, std::function<void(Sent)> report) {
   struct stat st {};
-  if (::stat(file.c_str(), &st) != 0) return report(Sent{});
+  if (::stat(file.c_str(), &st) != 0) {
+    Sent gone;
+    gone.error = std::string("the local contents cannot be read (") + std::strerror(errno) + ")";
+    return report(std::move(gone));
+  }
   const bool existing = !upload.identifier.empty();
   std::optional<ItemRecord> current;
   Outcome outcome = Outcome::Contents;
@@ -235,7 +288,9 @@ void Folder::send(const PendingUpload& upload, const std::string& file, bool che
     if (!found) {
       log("driver: cannot see where {} goes in the cloud ({}); its upload waits", upload.name,
           found.failure().message);
-      return report(Sent{});
+      Sent unseen;
+      unseen.error = "cannot see where it goes in the cloud (" + found.failure().message + ")";
+      return report(std::move(unseen));
     }
     current = std::move(*found);
     if (current && current->parent == kTrashId) current.reset();
@@ -255,37 +310,48 @@ void Folder::send(const PendingUpload& upload, const std::string& file, bool che
   item.size = static_cast<uint64_t>(st.st_size);
   item.modified = item.used = mtimeOf(st);
   item.parentIdentifier = sent.placed;
-  auto handler = [report, sent, name = upload.name](NSFileProviderItemRef reported, uint64_t, bool,
-                                                    std::optional<Error> error) mutable {
-    if (error || !reported)
+  const bool modifying = outcome == Outcome::Contents && existing;
+  const std::string name = modifying ? current->filename.value_or(upload.name)
+                           : outcome == Outcome::ConflictCopy
+                               ? conflictName(upload.name, std::time(nullptr))
+                               : upload.name;
+  // Shown while it runs; the handler may run before the call returns.
+  const Transfers::Id transfer = transfers_->begin(pathIn(sent.placed, name), Direction::Upload);
+  auto handler = [report, sent, name, transfers = transfers_, transfer](
+                     NSFileProviderItemRef reported, uint64_t, bool,
+                     std::optional<Error> error) mutable {
+    transfers->end(transfer);
+    if (error || !reported) {
       log("driver: upload of {} failed ({})", name,
           error ? std::to_string(error->code) : std::string("no item"));
+      sent.error = error ? failureText(*error) : "the cloud reported no item";
+    }
     sent.ok = !error && reported;
     sent.item = std::move(reported);
     report(std::move(sent));
   };
-  if (outcome == Outcome::Contents && existing) {
+  item.name = name;
+  if (modifying) {
     item.identifier = upload.identifier;
-    item.name = current->filename.value_or(upload.name);
     item.type = typeFor(item.name, false);
     item.itemCapabilities = current->capabilities;
     item.version = current->version;
     item.created = current->created;
-    extension_.modifyItem(item, current->version, Fields::Contents, file, 0, {}, handler);
+    transfers_->attach(transfer, extension_.modifyItem(item, current->version, Fields::Contents,
+                                                       file, 0, {}, handler));
     return;
   }
   item.identifier = asIdentifier.empty() ? "__fp/" + std::to_string(++provisional_) : asIdentifier;
-  item.name = outcome == Outcome::ConflictCopy ? conflictName(upload.name, std::time(nullptr))
-                                               : upload.name;
   item.type = typeFor(item.name, false);
   item.itemCapabilities = 63;
   item.created =
       outcome == Outcome::ConflictCopy || upload.created == 0 ? nowDate() : upload.created;
-  extension_.createItemBasedOnTemplate(item,
-                                       Fields::Contents | Fields::Filename |
-                                           Fields::ParentItemIdentifier | Fields::CreationDate |
-                                           Fields::ContentModificationDate,
-                                       file, 0, {}, handler);
+  transfers_->attach(transfer,
+                     extension_.createItemBasedOnTemplate(
+                         item,
+                         Fields::Contents | Fields::Filename | Fields::ParentItemIdentifier |
+                             Fields::CreationDate | Fields::ContentModificationDate,
+                         file, 0, {}, handler));
 }
 
 Result<std::optional<ItemRecord>> Folder::lookupItem(const std::string& identifier) {

@@ -563,6 +563,25 @@ Result<NodeInfo> Replica::info(Ino ino) {
   return info;
 }
 
+std::optional<std::string> Replica::pathOf(Ino ino) {
+  MutexLock lock(mutex_);
+  std::vector<const std::string*> names;
+  // Parents form a tree; the bound only guards against a broken one.
+  for (size_t depth = 0; ino != kRootIno && depth < 4096; ++depth) {
+    Node* node = get(ino);
+    if (!node || node->parent == 0) return std::nullopt;
+    names.push_back(&node->name);
+    ino = node->parent;
+  }
+  if (ino != kRootIno) return std::nullopt;
+  std::string path;
+  for (auto it = names.rbegin(); it != names.rend(); ++it) {
+    if (!path.empty()) path += '/';
+    path += **it;
+  }
+  return path;
+}
+
 Result<Ino> Replica::find(Ino parent, std::string_view name) {
   if (auto filled = fill(parent, false); !filled) return filled.failure();
   MutexLock lock(mutex_);

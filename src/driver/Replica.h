@@ -138,6 +138,9 @@ class Replica {
   // The child shown under `name`, filling `parent` when needed; no count.
   Result<Ino> find(Ino parent, std::string_view name) EXCLUDES(mutex_);
   std::optional<Ino> inoOf(const std::string& identifier) EXCLUDES(mutex_);
+  // Where the node is shown, from the top of the folder ("Docs/a/b.txt");
+  // none once it left the tree.
+  std::optional<std::string> pathOf(Ino ino) EXCLUDES(mutex_);
   // A child made here: a new file under a provisional identifier, or a
   // folder whose creation reported. Fails with EEXIST when the name is
   // shown already. Counts one kernel lookup.

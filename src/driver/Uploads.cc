@@ -95,6 +95,24 @@ bool Uploads::drain(std::chrono::milliseconds bound) {
   }
 }
 
+std::vector<Uploads::Waiting> Uploads::waiting() {
+  const auto steadyNow = Clock::now();
+  const auto wallNow = std::chrono::system_clock::now();
+  MutexLock lock(mutex_);
+  std::vector<Waiting> out;
+  for (const auto& [ino, job] : jobs_) {
+    if (!job.running && job.wanted <= job.sent) continue;
+    Waiting w{ino, job.running, job.failures, std::nullopt, job.error};
+    if (job.failures && !job.running)
+      w.next = wallNow + std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                             std::max(job.due, steadyNow) - steadyNow);
+    out.push_back(std::move(w));
+  }
+  std::sort(out.begin(), out.end(),
+            [](const Waiting& a, const Waiting& b) { return a.ino < b.ino; });
+  return out;
+}
+
 void Uploads::run() {
   MutexLock lock(mutex_);
   while (!stopping_) {
@@ -115,23 +133,25 @@ void Uploads::run() {
     }
     jobs_[start].running = true;
     lock.unlock();
-    attempt_(start, [this, start, gate = gate_](uint64_t generation, bool ok) {
-      gate->pass([&] { finished(start, generation, ok); });
+    attempt_(start, [this, start, gate = gate_](uint64_t generation, Result<void> outcome) {
+      gate->pass([&] { finished(start, generation, outcome); });
     });
     lock.lock();
   }
 }
 
-void Uploads::finished(Ino ino, uint64_t generation, bool ok) {
+void Uploads::finished(Ino ino, uint64_t generation, const Result<void>& outcome) {
   MutexLock lock(mutex_);
   Job& job = jobs_[ino];
   job.running = false;
-  if (ok) {
+  if (outcome) {
     job.sent = std::max(job.sent, generation);
     job.failures = 0;
     job.due = {};
+    job.error.clear();
   } else {
     job.failedAt = std::max(job.failedAt, generation);
+    job.error = outcome.failure().message;
     ++job.failures;
     job.due = Clock::now() + pauseAfter(job.failures);
     log("driver: upload of inode {} failed ({} in a row); trying again in {} ms", ino, job.failures,

@@ -6,7 +6,8 @@
 //
 // The attempt itself is its maker's: it sends the inode's newest sealed
 // state and calls `done` exactly once, from any thread, with the generation
-// it carried and whether the cloud took it.
+// it carried and whether the cloud took it (or why not, which is kept for
+// status reports until an attempt succeeds).
 //
 // Ownership: owns its worker thread; the attempt function must outlive it.
 // An answer that comes after the queue is gone is dropped.
@@ -19,19 +20,33 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <string>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include "driver/Gate.h"
 #include "driver/Replica.h"
+#include "platform/Result.h"
 #include "platform/ThreadAnnotations.h"
 
 namespace hvfp::driver {
 
 class Uploads {
  public:
-  using Done = std::function<void(uint64_t generation, bool ok)>;
+  using Done = std::function<void(uint64_t generation, Result<void> outcome)>;
   using Attempt = std::function<void(Ino ino, Done done)>;
+
+  // An inode with contents still to send.
+  struct Waiting {
+    Ino ino = 0;
+    bool running = false;
+    int failures = 0;  // in a row
+    // When the next attempt may start, after a failure.
+    std::optional<std::chrono::system_clock::time_point> next;
+    std::string error;  // the last failure's text, if any
+  };
 
   explicit Uploads(Attempt attempt);
   ~Uploads();
@@ -52,6 +67,8 @@ class Uploads {
   // Waits up to `bound` for every due upload to report; true when none is
   // left.
   bool drain(std::chrono::milliseconds bound) EXCLUDES(mutex_);
+  // Every inode with an upload running or due, by inode.
+  std::vector<Waiting> waiting() EXCLUDES(mutex_);
 
   static std::chrono::milliseconds pauseAfter(int failures);
   // How long a newly sealed file rests before its first attempt, unless
@@ -66,10 +83,11 @@ class Uploads {
     bool running = false;
     int failures = 0;
     std::chrono::steady_clock::time_point due{};
+    std::string error;  // the last failure's, until one succeeds
   };
 
   void run() EXCLUDES(mutex_);
-  void finished(Ino ino, uint64_t generation, bool ok) EXCLUDES(mutex_);
+  void finished(Ino ino, uint64_t generation, const Result<void>& outcome) EXCLUDES(mutex_);
 
   Attempt attempt_;
   std::shared_ptr<Gate> gate_ = Gate::make();

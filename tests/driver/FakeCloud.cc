@@ -54,6 +54,13 @@ std::string readFile(const std::string& path, bool* ok) {
 
 std::string mountOf(const std::string& id) { return id.substr(0, id.find('/')); }
 
+Error uploadFailure() {
+  Error e = Error::cocoa(5120);
+  e.userInfo["error"] = int64_t{40309};
+  e.userInfo["message"] = std::string("no room");
+  return e;
+}
+
 }  // namespace
 
 FakeCloud::FakeCloud(std::filesystem::path downloads) : downloads_(std::move(downloads)) {
@@ -62,6 +69,7 @@ FakeCloud::FakeCloud(std::filesystem::path downloads) : downloads_(std::move(dow
 
 FakeCloud::~FakeCloud() {
   holdFetches(false);
+  holdUploads(false);
   for (;;) {
     std::vector<std::thread> threads;
     {
@@ -187,6 +195,30 @@ void FakeCloud::holdFetches(bool hold) {
   released_.notify_all();
 }
 
+void FakeCloud::holdUploads(bool hold) {
+  std::lock_guard lock(mutex_);
+  holdUploads_ = hold;
+  released_.notify_all();
+}
+
+void FakeCloud::failUploadsOf(const std::string& name) {
+  std::lock_guard lock(mutex_);
+  failingNames_.insert(name);
+}
+
+bool FakeCloud::failing(const std::optional<std::string>& name) {
+  std::lock_guard lock(mutex_);
+  return name && failingNames_.count(*name);
+}
+
+void FakeCloud::waitWhileHeld(bool& hold, Progress& progress, uint64_t size) {
+  std::unique_lock lock(mutex_);
+  progress.setTotalUnitCount(static_cast<int64_t>(size));
+  progress.setCompletedUnitCount(static_cast<int64_t>(size / 2));
+  released_.wait(lock, [&] { return !hold; });
+  progress.setCompletedUnitCount(static_cast<int64_t>(size));
+}
+
 NSFileProviderItemRef FakeCloud::itemOf(const Entry& e, bool trashMark) const {
   auto item = std::make_shared<NSFileProviderItemTemplate>();
   item->identifier = e.id;
@@ -247,19 +279,21 @@ std::shared_ptr<Progress> FakeCloud::fetchContentsForItemWithIdentifier(
     const std::string& id, const std::optional<NSFileProviderItemVersion>&,
     const NSFileProviderRequest&, NSFileProviderFetchHandler handler) {
   record("fetch " + id);
-  later([this, id, handler] {
+  auto progress = Progress::make();
+  later([this, id, handler, progress] {
     {
-      std::unique_lock lock(mutex_);
+      std::lock_guard lock(mutex_);
       ++fetches_[id];
-      released_.wait(lock, [&] { return !holdFetches_; });
     }
+    auto held = entry(id);
+    waitWhileHeld(holdFetches_, *progress, held ? held->contents.size() : 0);
     auto e = entry(id);
     if (!e) return handler(std::nullopt, nullptr, Error::cocoa(4610));
     auto path = downloads_ / e->hash;
     std::ofstream(path, std::ios::binary) << e->contents;
     handler(path.string(), itemOf(*e), std::nullopt);
   });
-  return Progress::make();
+  return progress;
 }
 
 std::shared_ptr<Progress> FakeCloud::createItemBasedOnTemplate(
@@ -270,11 +304,13 @@ std::shared_ptr<Progress> FakeCloud::createItemBasedOnTemplate(
   // Decided when asked, so a failure asked for holds for calls made before
   // it was lifted, however late they run.
   const bool folder = t.type == ContentType::folder();
-  const bool fail = !folder && failUploads_.fetch_sub(1) > 0;
-  later([this, t, fields, contents, handler, folder, fail] {
+  const bool fail = !folder && (failing(t.name) || failUploads_.fetch_sub(1) > 0);
+  auto progress = Progress::make();
+  later([this, t, fields, contents, handler, folder, fail, progress] {
     bool ok = true;
     std::string data = folder ? "" : (contents ? readFile(*contents, &ok) : (ok = false, ""));
-    if (!ok || fail) return handler(nullptr, fields & ~uint64_t{1}, false, Error::cocoa(5120));
+    if (!ok || fail) return handler(nullptr, fields & ~uint64_t{1}, false, uploadFailure());
+    if (!folder) waitWhileHeld(holdUploads_, *progress, data.size());
     std::unique_lock lock(mutex_);
     const std::string parent = t.parentIdentifier.value_or("");
     Entry* found = nullptr;
@@ -293,7 +329,7 @@ std::shared_ptr<Progress> FakeCloud::createItemBasedOnTemplate(
     lock.unlock();
     handler(item, fields & ~uint64_t{1}, false, std::nullopt);
   });
-  return Progress::make();
+  return progress;
 }
 
 std::shared_ptr<Progress> FakeCloud::modifyItem(
@@ -303,8 +339,9 @@ std::shared_ptr<Progress> FakeCloud::modifyItem(
   auto t = NSFileProviderItemTemplate::copyOf(item);
   const char* what = fields & 1 ? "contents" : fields & 2 ? "filename" : fields & 4 ? "parent" : "";
   record("modify " + t.identifier + " " + what);
-  const bool fail = (fields & 1) && failUploads_.fetch_sub(1) > 0;
-  later([this, t, base, fields, contents, handler, fail] {
+  const bool fail = (fields & 1) && (failing(t.name) || failUploads_.fetch_sub(1) > 0);
+  auto progress = Progress::make();
+  later([this, t, base, fields, contents, handler, fail, progress] {
     std::unique_lock lock(mutex_);
     auto it = entries_.find(t.identifier);
     if (it == entries_.end()) {
@@ -318,7 +355,8 @@ std::shared_ptr<Progress> FakeCloud::modifyItem(
       lock.unlock();
       bool ok = contents.has_value();
       std::string data = ok ? readFile(*contents, &ok) : "";
-      if (!ok || fail) return handler(nullptr, fields & ~uint64_t{1}, false, Error::cocoa(5120));
+      if (!ok || fail) return handler(nullptr, fields & ~uint64_t{1}, false, uploadFailure());
+      waitWhileHeld(holdUploads_, *progress, data.size());
       lock.lock();
       e.contents = data;
       e.hash = sha1HexDigest(data);
@@ -351,7 +389,7 @@ std::shared_ptr<Progress> FakeCloud::modifyItem(
     lock.unlock();
     handler(answer, pending, false, std::nullopt);
   });
-  return Progress::make();
+  return progress;
 }
 
 std::shared_ptr<Progress> FakeCloud::deleteItemWithIdentifier(

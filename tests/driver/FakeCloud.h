@@ -9,7 +9,8 @@
 // Fetches, creations and modifications answer from a thread of their own
 // after the call returned, as the provider's tasks do; lookups, enumerations
 // and deletions answer before the return. Contents versions carry the
-// SHA-1 of the contents as "filehash".
+// SHA-1 of the contents as "filehash". The progress objects of fetches and
+// uploads count bytes: half the contents while held, all once answered.
 //
 // Tests change the cloud "from another device" with the remote* methods and
 // read it back with entry()/childrenOf(). Thread-safe; the destructor waits
@@ -22,6 +23,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -68,10 +70,15 @@ class FakeCloud final : public NSFileProviderReplicatedExtension {
   // "modify ID contents", "modify ID filename", "modify ID parent", "delete ID".
   std::vector<std::string> calls();
   int fetchesOf(const std::string& id);
-  // The next `n` creations and content modifications fail with 5120.
+  // The next `n` creations and content modifications fail with 5120
+  // (error 40309, "no room", as the provider reports a host's refusal).
   void failUploads(int n) { failUploads_ = n; }
+  // Every upload of a file of this name fails so.
+  void failUploadsOf(const std::string& name);
   // Fetches wait until released (to start several at once).
   void holdFetches(bool hold);
+  // Uploads that are not failing wait until released.
+  void holdUploads(bool hold);
 
   // --- the protocol -----------------------------------------------------
   void invalidate() override {}
@@ -108,11 +115,16 @@ class FakeCloud final : public NSFileProviderReplicatedExtension {
   std::string newId(const std::string& parent);
   void later(std::function<void()> work);
   void record(std::string call);
+  bool failing(const std::optional<std::string>& name);
+  // Blocks while uploads are held, the progress showing half of `size`.
+  void waitWhileHeld(bool& hold, Progress& progress, uint64_t size);
 
   std::filesystem::path downloads_;
   std::mutex mutex_;
   std::condition_variable released_;
   bool holdFetches_ = false;
+  bool holdUploads_ = false;
+  std::set<std::string> failingNames_;
   std::map<std::string, Entry> entries_;
   std::map<std::string, bool> trashMarks_;  // trashed through the protocol
   std::vector<std::string> calls_;

@@ -33,8 +33,10 @@ std::shared_ptr<NSFileProviderManager> NSFileProviderManager::managerForDomain(
   return slot;
 }
 
+std::string NSFileProviderManager::domainsFolder() { return (cacheHome() / "halvofp").string(); }
+
 std::optional<std::string> NSFileProviderManager::temporaryDirectoryURLWithError(Error* error) {
-  std::filesystem::path dir = cacheHome() / "halvofp" / domain_.identifier / "tmp";
+  std::filesystem::path dir = std::filesystem::path(domainsFolder()) / domain_.identifier / "tmp";
   std::error_code ec;
   std::filesystem::create_directories(dir, ec);
   if (ec) {

@@ -29,6 +29,9 @@ class NSFileProviderManager {
 
   const NSFileProviderDomain& domain() const { return domain_; }
 
+  // The folder that holds each domain's cache folder ($XDG_CACHE_HOME/halvofp).
+  static std::string domainsFolder();
+
   // Creates the directory when missing; std::nullopt (and `error`) when it
   // cannot be made.
   std::optional<std::string> temporaryDirectoryURLWithError(Error* error = nullptr);
