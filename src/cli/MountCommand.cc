@@ -134,11 +134,7 @@ int serveFolder(const MountOptions& options, int ready, std::ostream& err) {
   log("halvofp: copies of contents in {} are kept to {} bytes", cache, cacheSize);
   driver::FuseAdapter adapter;
   driver::Folder folder(extension, manager, adapter, driver::FolderOptions{cache, cacheSize});
-  if (auto mounted = adapter.mount(options.dir); !mounted) {
-    report("halvofp: " + mounted.failure().message);
-    return 1;
-  }
-  log("halvofp: {} mounted on {}", options.domain, options.dir);
+  // Up before the folder is mounted: once it shows, it answers.
   auto status = driver::StatusServer::start(
       cache + "/status.sock",
       [&] {
@@ -147,10 +143,15 @@ int serveFolder(const MountOptions& options, int ready, std::ostream& err) {
         return driver::statusJson(s);
       },
       [&] { folder.sampleTransfers(); });
-  if (!status) log("halvofp: no status for halvofp status: {}", status.failure().message);
+  if (!status) log("halvofp: halvofp status cannot see this mount: {}", status.failure().message);
+  if (auto mounted = adapter.mount(options.dir); !mounted) {
+    report("halvofp: " + mounted.failure().message);
+    return 1;
+  }
+  log("halvofp: {} mounted on {}", options.domain, options.dir);
   report("ok");
   int rc = adapter.serve(folder, true);
-  // Gone before the folder it reports on.
+  // Unmounted: nothing is there to report on, while the uploads finish.
   if (status) status->reset();
   log("halvofp: {} unmounted", options.dir);
   if (!folder.finish(options.uploadWait))

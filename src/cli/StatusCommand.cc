@@ -56,12 +56,17 @@ std::string realPath(const std::string& dir) {
 std::string rateText(uint64_t rate) { return humanSize(rate) + "/s"; }
 
 std::string attemptText(const driver::PendingStatus& p, std::time_t now) {
+  using State = driver::PendingStatus::State;
+  const std::string times = std::to_string(p.failures) + (p.failures == 1 ? " time" : " times");
   std::string text = driver::stateName(p.state);
-  if (p.failures)
-    text += ", " + std::to_string(p.failures) + (p.failures == 1 ? " failure" : " failures");
-  if (p.nextAttempt && p.state == driver::PendingStatus::State::Failed) {
-    const int64_t in = *p.nextAttempt - static_cast<int64_t>(now);
-    text += in > 0 ? ", next attempt in " + std::to_string(in) + " s" : ", next attempt now";
+  if (p.state == State::Failed) {
+    text += " " + times;
+    if (p.nextAttempt) {
+      const int64_t in = *p.nextAttempt - static_cast<int64_t>(now);
+      text += in > 0 ? ", next attempt in " + std::to_string(in) + " s" : ", next attempt now";
+    }
+  } else if (p.failures) {
+    text += " (failed " + times + " before)";
   }
   if (p.error) text += ": " + printable(*p.error);
   return text;
@@ -73,7 +78,7 @@ void printRows(std::ostream& out, const std::vector<std::array<std::string, N>>&
   for (const auto& row : rows)
     for (size_t c = 0; c < N; ++c) width[c] = std::max(width[c], row[c].size());
   for (const auto& row : rows) {
-    std::string line = " ";
+    std::string line = "   ";
     for (size_t c = 0; c < N; ++c) {
       line += ' ' + row[c];
       if (c + 1 < N) line += std::string(width[c] - row[c].size() + 1, ' ');

@@ -44,8 +44,7 @@ int main(int argc, char** argv) {
   int64_t port = 0;
   app.add_option("--port", port, "the host app's query port (default 24753), sent as a port event")
       ->check(CLI::Range(int64_t{1}, int64_t{65535}));
-  app.add_flag("--json", options.json,
-               "one JSON object per item, every property by name (status: one per mount)");
+  app.add_flag("--json", options.json, "one JSON object per item, every property by name");
   app.add_flag("-v,--verbose", verbose, "show the provider's log lines on stderr");
   app.add_option("--domain", options.domain, "the domain's name (names its cache folder)")
       ->capture_default_str();
@@ -145,14 +144,16 @@ int main(int argc, char** argv) {
   hvfp::cli::StatusOptions statusOptions;
   auto* status = app.add_subcommand(
       "status",
-      "what running mounts are doing: mount point, domain, host; transfers in flight (name, "
-      "direction, bytes, rate); uploads waiting (name, size, failures, next attempt, last "
-      "error); cache use and limit. With --json, one object per mount with the keys "
-      "mountpoint, domain, host, pid, transfers [name, direction, bytes, total, rate], "
-      "pending [name, size, state, failures, next_attempt, error], cache [bytes, limit, "
-      "copies]");
+      "what running mounts are doing: mount point, domain and host; transfers in flight with "
+      "bytes and rate; uploads waiting or failing, with the next attempt and last error; cache "
+      "use and limit");
   status->add_option("DIR", statusOptions.dir,
                      "a folder in the mount to show (default: every running mount)");
+  status->add_flag(
+      "--json", statusOptions.json,
+      "one JSON object per mount, one line each: mountpoint, domain, host, pid, transfers "
+      "[name, direction, bytes, total, rate], pending [name, size, state, failures, "
+      "next_attempt, error], cache [bytes, limit, copies]");
 
   std::string unmountDir;
   auto* unmount = app.add_subcommand("unmount", "unmount a folder that halvofp mount made");
@@ -178,7 +179,7 @@ int main(int argc, char** argv) {
   }
   if (*unmount) return hvfp::cli::unmount(unmountDir, std::cerr);
   if (*status) {
-    statusOptions.json = options.json;
+    statusOptions.json = statusOptions.json || options.json;
     return hvfp::cli::status(statusOptions, std::cout, std::cerr);
   }
 

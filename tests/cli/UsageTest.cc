@@ -131,8 +131,8 @@ TEST_F(CliUsage, HelpNamesEveryCommand) {
   ProgramRun run = halvofp({"--help"});
   EXPECT_EQ(run.rc, 0);
   for (const char* command :
-       {"ls", "stat", "changes", "watch", "mount", "unmount", "get", "rename", "move", "trash",
-        "restore", "forget", "touch", "put", "mkdir", "update"})
+       {"ls", "stat", "changes", "watch", "mount", "unmount", "status", "get", "rename", "move",
+        "trash", "restore", "forget", "touch", "put", "mkdir", "update"})
     EXPECT_NE(run.out.find("\n  " + std::string(command) + " "), std::string::npos) << command;
 }
 
@@ -210,6 +210,14 @@ TEST_F(CliUsage, EachCommandsCallAndWhatItsFailureReadsLike) {
        2,
        "",
        "halvofp: update 3/d: a folder has no contents to replace\n",
+       {}},
+      // Asks running mounts, never the host.
+      {{"status"}, {}, 1, "", "halvofp: no running mount\n", {}},
+      {{"status", (dir / "folder").string(), "--json"},
+       {},
+       1,
+       "",
+       "halvofp: " + (dir / "folder").string() + " is not in a running halvofp mount\n",
        {}},
   };
   for (const auto& row : rows) {
