@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -205,6 +206,7 @@ Result<Copies::Checked> Copies::checked(const std::string& identifier,
     if (auto b = busy_.find(*held); b != busy_.end() && --b->second == 0) busy_.erase(b);
   }
   for (int fetches = 0; !good && fetches < 2; ++fetches) {
+    const timespec asked = coarseNow();
     auto got = fetch(identifier, version, label);
     if (!got) {
       error = got.failure().code ? got.failure().code : EIO;
@@ -214,7 +216,8 @@ Result<Copies::Checked> Copies::checked(const std::string& identifier,
     if (got->fetched && got->fetched->version) served = got->fetched->version;
     // Taken before the hash: a change while hashing shows at the next open.
     stamp = stampOf(got->path);
-    if (stamp && matches(identifier, served, got->path))
+    if (stamp &&
+        (checkedInTransit(served, got->path, asked) || matches(identifier, served, got->path)))
       good = std::move(*got);
     else
       error = EIO;
@@ -237,6 +240,32 @@ Result<Copies::Checked> Copies::checked(const std::string& identifier,
   fetched_.notify_all();
   if (!good) return errnoFailure(error);
   return std::move(*good);
+}
+
+// The kernel stamps file times from its coarse clock; reading the same clock
+// keeps "before" honest to the tick.
+timespec Copies::coarseNow() {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return now;
+}
+
+// A download lands in the cache folder under its content hash only after its
+// bytes matched that hash as they arrived, so a file put there while this
+// fetch ran needs no second pass. Anything older, elsewhere, or under another
+// name is hashed.
+bool Copies::checkedInTransit(const std::optional<NSFileProviderItemVersion>& version,
+                              const std::string& path, timespec asked) const {
+  auto hash = contentHashOf(version);
+  if (!hash || !counts(path)) return false;
+  std::string name = std::filesystem::path(path).filename().string();
+  std::transform(name.begin(), name.end(), name.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (name != *hash) return false;
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return false;
+  return st.st_ctim.tv_sec > asked.tv_sec ||
+         (st.st_ctim.tv_sec == asked.tv_sec && st.st_ctim.tv_nsec >= asked.tv_nsec);
 }
 
 bool Copies::matches(const std::string& identifier,

@@ -4,7 +4,8 @@
 // is opened at a content version; opens of the same item and version while
 // that fetch runs wait for it instead of fetching again. Before a copy is
 // first served, its bytes are checked against the content hash its version
-// names ("filehash", SHA-1); later opens check that the file is still the
+// names ("filehash", SHA-1) (a download made for this open was checked as
+// its bytes arrived, and is not read twice); later opens check that the file is still the
 // one that was checked (device, inode, size, modification time) and hash it
 // again when not. A copy that does not match is thrown away and fetched
 // once more; only a second mismatch fails the open.
@@ -127,6 +128,11 @@ class Copies {
   Result<Checked> fetch(const std::string& identifier,
                         const std::optional<NSFileProviderItemVersion>& version,
                         const std::string& label);
+  static timespec coarseNow();
+  // Whether `path` is a download this fetch just made, whose bytes the
+  // transfer already checked against the version's hash.
+  bool checkedInTransit(const std::optional<NSFileProviderItemVersion>& version,
+                        const std::string& path, timespec asked) const;
   // Hashes the file against the version's content hash; false on a
   // mismatch (logged, and the file deleted when it is a cache file).
   bool matches(const std::string& identifier, const std::optional<NSFileProviderItemVersion>& v,

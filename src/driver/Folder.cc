@@ -278,7 +278,17 @@ int Folder::readable(OpenFile& file) {
   return file.fd;
 }
 
-void Folder::written(OpenFile& file) { working_.changed(file.ino); }
+void Folder::written(OpenFile& file, uint64_t offset, uint64_t length) {
+  working_.changed(file.ino);
+  // Whole windows behind the write go to disk now; a sequential writer's
+  // close then waits for the last window only.
+  constexpr uint64_t kWindow = 8 << 20;
+  const uint64_t end = offset + length;
+  if (end / kWindow == offset / kWindow || end < kWindow) return;
+  const uint64_t from = (end / kWindow - 1) * kWindow;
+  ::sync_file_range(file.fd, static_cast<off_t>(from), static_cast<off_t>(kWindow),
+                    SYNC_FILE_RANGE_WRITE);
+}
 
 Opened Folder::track(OpenFile file, const std::optional<std::string>& version) {
   auto owned = std::make_unique<OpenFile>(file);

@@ -134,7 +134,9 @@ class Folder {
   // The descriptor a read goes to: a reader moves to local contents
   // written since it opened.
   int readable(OpenFile& file) EXCLUDES(readMutex_);
-  void written(OpenFile& file);
+  // `length` bytes were written at `offset`; the disk starts on them in
+  // the background, so the close that makes them durable has little left.
+  void written(OpenFile& file, uint64_t offset, uint64_t length);
   // A close of the file: what writers wrote is made durable first.
   Result<void> flush(OpenFile& file);
   void release(OpenFile* file);

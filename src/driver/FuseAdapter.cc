@@ -175,7 +175,7 @@ void opWriteBuf(fuse_req_t req, fuse_ino_t, fuse_bufvec* in, off_t off, fuse_fil
   out.buf[0].pos = off;
   ssize_t written = fuse_buf_copy(&out, in, static_cast<fuse_buf_copy_flags>(0));
   if (written < 0) return (void)fuse_reply_err(req, static_cast<int>(-written));
-  folderOf(req).written(*file);
+  folderOf(req).written(*file, static_cast<uint64_t>(off), static_cast<uint64_t>(written));
   fuse_reply_write(req, static_cast<size_t>(written));
 }
 

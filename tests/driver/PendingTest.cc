@@ -141,7 +141,7 @@ class Remount : public ::testing::Test {
       file = made->file;
     }
     ASSERT_EQ(::pwrite(file->fd, bytes.data(), bytes.size(), 0), ssize_t(bytes.size()));
-    folder->written(*file);
+    folder->written(*file, 0, bytes.size());
     ASSERT_TRUE(folder->flush(*file));
     folder->release(file);
   }
@@ -256,7 +256,7 @@ TEST_F(Remount, FileStillOpenWhenTheFolderWentIsKept) {
   auto made = folder->create(folder->lookup(kRootIno, "Docs")->ino, "open.txt", O_RDWR);
   ASSERT_TRUE(made);
   ASSERT_EQ(::pwrite(made->file->fd, "half", 4, 0), 4);
-  folder->written(*made->file);
+  folder->written(*made->file, 0, 4);
   folder.reset();  // never closed, never flushed
   cloud->failUploads(0);
   start();

@@ -53,7 +53,7 @@ class FolderStatusTest : public ::testing::Test {
     ASSERT_TRUE(made) << made.failure().message;
     const std::string bytes(size, name[0]);
     ASSERT_EQ(::pwrite(made->file->fd, bytes.data(), size, 0), ssize_t(size));
-    folder->written(*made->file);
+    folder->written(*made->file, 0, size);
     ASSERT_TRUE(folder->flush(*made->file));
     folder->release(made->file);
   }
