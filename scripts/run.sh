@@ -137,6 +137,7 @@ ${bus_note:+  This demo runs its own session bus; in a new shell first: $bus_not
   halvofp ls                            the mounts as the provider lists them; halvofp ls 1: the first one
   halvofp stat ID                       every property of one item (--json for scripts)
   halvofp put FILE 1                    the same framework calls the folder makes, one at a time
+  halvofp status                        what the mount is doing: transfers, uploads waiting, cache use
   halvofp watch                         host events as they come; in another shell try:
   halvo-hostd ctl --root $root add-file --mount 1 --name hello.txt --text hi
   halvo-hostd ctl --help                change the cloud as another device would, inject faults
