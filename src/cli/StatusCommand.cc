@@ -113,11 +113,19 @@ void printStatus(std::ostream& out, const driver::Status& s, std::time_t now) {
 int status(const StatusOptions& options, std::ostream& out, std::ostream& err) {
   std::vector<driver::Status> mounts = runningMounts();
   if (options.dir) {
-    const std::string path = realPath(*options.dir);
-    const driver::Status* found = nullptr;
-    for (const auto& m : mounts)
-      if (holds(m.mountpoint, path) && (!found || m.mountpoint.size() > found->mountpoint.size()))
-        found = &m;
+    auto deepest = [&](const std::string& path) {
+      const driver::Status* found = nullptr;
+      for (const auto& m : mounts)
+        if (holds(m.mountpoint, path) && (!found || m.mountpoint.size() > found->mountpoint.size()))
+          found = &m;
+      return found;
+    };
+    // The path as written first: resolving it walks through the mount, which
+    // may be the one that is stuck.
+    std::error_code ec;
+    const driver::Status* found =
+        deepest(fs::absolute(*options.dir, ec).lexically_normal().string());
+    if (!found) found = deepest(realPath(*options.dir));
     if (!found) {
       err << "halvofp: " << printable(*options.dir) << " is not in a running halvofp mount\n";
       return Exit::Failed;

@@ -206,7 +206,7 @@ Result<Copies::Checked> Copies::checked(const std::string& identifier,
     if (auto b = busy_.find(*held); b != busy_.end() && --b->second == 0) busy_.erase(b);
   }
   for (int fetches = 0; !good && fetches < 2; ++fetches) {
-    const timespec asked = coarseNow();
+    const std::optional<std::string> slot = freeDownloadSlot(version);
     auto got = fetch(identifier, version, label);
     if (!got) {
       error = got.failure().code ? got.failure().code : EIO;
@@ -216,8 +216,8 @@ Result<Copies::Checked> Copies::checked(const std::string& identifier,
     if (got->fetched && got->fetched->version) served = got->fetched->version;
     // Taken before the hash: a change while hashing shows at the next open.
     stamp = stampOf(got->path);
-    if (stamp &&
-        (checkedInTransit(served, got->path, asked) || matches(identifier, served, got->path)))
+    if (stamp && (checkedInTransit(slot, version, served, got->path) ||
+                  matches(identifier, served, got->path)))
       good = std::move(*got);
     else
       error = EIO;
@@ -242,30 +242,29 @@ Result<Copies::Checked> Copies::checked(const std::string& identifier,
   return std::move(*good);
 }
 
-// The kernel stamps file times from its coarse clock; reading the same clock
-// keeps "before" honest to the tick.
-timespec Copies::coarseNow() {
-  timespec now{};
-  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
-  return now;
+std::optional<std::string> Copies::freeDownloadSlot(
+    const std::optional<NSFileProviderItemVersion>& version) const {
+  auto hash = contentHashOf(version);
+  if (!hash) return std::nullopt;
+  std::string slot = cache_ + "/tmp/" + *hash;
+  struct stat st {};
+  if (::lstat(slot.c_str(), &st) == 0 || errno != ENOENT) return std::nullopt;
+  return slot;
 }
 
-// A download lands in the cache folder under its content hash only after its
-// bytes matched that hash as they arrived, so a file put there while this
-// fetch ran needs no second pass. Anything older, elsewhere, or under another
-// name is hashed.
-bool Copies::checkedInTransit(const std::optional<NSFileProviderItemVersion>& version,
-                              const std::string& path, timespec asked) const {
-  auto hash = contentHashOf(version);
-  if (!hash || !counts(path)) return false;
-  std::string name = std::filesystem::path(path).filename().string();
-  std::transform(name.begin(), name.end(), name.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (name != *hash) return false;
+// Only a download puts a new file into the temporary directory under its
+// content hash, and only after its bytes matched that hash as they arrived.
+// So a file that appeared in a slot that was free when the fetch was asked,
+// for the same contents, needs no second pass; anything that was there
+// before, lives elsewhere or is named otherwise is hashed.
+bool Copies::checkedInTransit(const std::optional<std::string>& slot,
+                              const std::optional<NSFileProviderItemVersion>& asked,
+                              const std::optional<NSFileProviderItemVersion>& served,
+                              const std::string& path) const {
+  if (!slot || contentHashOf(asked) != contentHashOf(served)) return false;
+  if (std::filesystem::path(path).lexically_normal().string() != *slot) return false;
   struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) return false;
-  return st.st_ctim.tv_sec > asked.tv_sec ||
-         (st.st_ctim.tv_sec == asked.tv_sec && st.st_ctim.tv_nsec >= asked.tv_nsec);
+  return ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1;
 }
 
 bool Copies::matches(const std::string& identifier,

@@ -128,11 +128,16 @@ class Copies {
   Result<Checked> fetch(const std::string& identifier,
                         const std::optional<NSFileProviderItemVersion>& version,
                         const std::string& label);
-  static timespec coarseNow();
-  // Whether `path` is a download this fetch just made, whose bytes the
-  // transfer already checked against the version's hash.
-  bool checkedInTransit(const std::optional<NSFileProviderItemVersion>& version,
-                        const std::string& path, timespec asked) const;
+  // Where a download of the version's contents would land, when nothing
+  // is there yet.
+  std::optional<std::string> freeDownloadSlot(
+      const std::optional<NSFileProviderItemVersion>& version) const;
+  // Whether `path` is the download a fetch asked at `asked` just made in
+  // `slot`, its bytes already checked by the transfer against the hash.
+  bool checkedInTransit(const std::optional<std::string>& slot,
+                        const std::optional<NSFileProviderItemVersion>& asked,
+                        const std::optional<NSFileProviderItemVersion>& served,
+                        const std::string& path) const;
   // Hashes the file against the version's content hash; false on a
   // mismatch (logged, and the file deleted when it is a cache file).
   bool matches(const std::string& identifier, const std::optional<NSFileProviderItemVersion>& v,

@@ -149,15 +149,29 @@ void StatusServer::serve() {
   }
 }
 
+// One deadline for the whole answer: a client that reads a byte now and then
+// must not hold the thread (and the unmount waiting to join it).
 void StatusServer::answerOne(int client) {
-  setTimeout(client, SO_SNDTIMEO, kClientBound);
+  const int flags = ::fcntl(client, F_GETFL);
+  if (flags < 0 || ::fcntl(client, F_SETFL, flags | O_NONBLOCK) != 0) return;
+  const auto deadline = Clock::now() + kClientBound;
   const std::string text = answer_() + "\n";
   for (size_t sent = 0; sent < text.size();) {
     // A client gone meanwhile must not end the mount with SIGPIPE.
     const ssize_t n = ::send(client, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    sent += static_cast<size_t>(n);
+    if (n == 0 || errno != EAGAIN) return;
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) return;
+    pollfd fds[2] = {{client, POLLOUT, 0}, {wake_, POLLIN, 0}};
+    const int ready = ::poll(fds, 2, static_cast<int>(left));
+    if (ready < 0 && errno != EINTR) return;
+    if (ready > 0 && fds[1].revents) return;  // stopping: the serve loop sees it too
   }
 }
 
