@@ -107,8 +107,9 @@ TEST_F(HostMount, ListingShowsTheCloudWithItsSizesTimesAndModes) {
 }
 
 TEST_F(HostMount, ChangesMadeOnTheHostShowWithoutRemount) {
+  using Ctl = std::vector<std::string>;
   struct Step {
-    std::vector<std::string> ctl;
+    Ctl ctl;
     std::string look;  // a command run in the mount
     std::string shows;
   };
@@ -116,23 +117,18 @@ TEST_F(HostMount, ChangesMadeOnTheHostShowWithoutRemount) {
   // the host writes it.
   ASSERT_EQ(run("cat Docs/README.txt").out, "Welcome to Docs.\n");
   const std::vector<Step> steps = {
-      {{"add-file", "--mount", "1", "--name", "fresh.txt", "--text", "hello"},
-       "ls Docs && cat Docs/fresh.txt",
-       "README.txt\nReports\nfresh.txt\nnotes.md\nhello"},
-      {{"rename", "--mount", "1", "--path", "notes.md", "--name", "notes-renamed.md"},
-       "ls Docs",
+      {Ctl{"add-file", "--mount", "1", "--name", "fresh.txt", "--text", "hello"},
+       "ls Docs && cat Docs/fresh.txt", "README.txt\nReports\nfresh.txt\nnotes.md\nhello"},
+      {Ctl{"rename", "--mount", "1", "--path", "notes.md", "--name", "notes-renamed.md"}, "ls Docs",
        "README.txt\nReports\nfresh.txt\nnotes-renamed.md\n"},
-      {{"write", "--mount", "1", "--path", "README.txt", "--text", "Written on the host.\n"},
-       "stat -c %s Docs/README.txt && cat Docs/README.txt",
-       "21\nWritten on the host.\n"},
-      {{"move", "--mount", "1", "--path", "fresh.txt", "--to-path", "Reports"},
+      {Ctl{"write", "--mount", "1", "--path", "README.txt", "--text", "Written on the host.\n"},
+       "stat -c %s Docs/README.txt && cat Docs/README.txt", "21\nWritten on the host.\n"},
+      {Ctl{"move", "--mount", "1", "--path", "fresh.txt", "--to-path", "Reports"},
        "ls Docs Docs/Reports",
        "Docs:\nREADME.txt\nReports\nnotes-renamed.md\n\nDocs/Reports:\n2023\nfresh.txt\nq1.txt\n"},
-      {{"add-folder", "--mount", "1", "--parent-path", "Reports", "--name", "Made there"},
-       "ls Docs/Reports",
-       "2023\nMade there\nfresh.txt\nq1.txt\n"},
-      {{"trash", "--mount", "1", "--path", "notes-renamed.md"},
-       "ls Docs .Trash",
+      {Ctl{"add-folder", "--mount", "1", "--parent-path", "Reports", "--name", "Made there"},
+       "ls Docs/Reports", "2023\nMade there\nfresh.txt\nq1.txt\n"},
+      {Ctl{"trash", "--mount", "1", "--path", "notes-renamed.md"}, "ls Docs .Trash",
        ".Trash:\nnotes-renamed.md\nold-draft.txt\n\nDocs:\nREADME.txt\nReports\n"},
   };
   for (const Step& step : steps) {
