@@ -143,9 +143,11 @@ TEST_F(CliUsage, EachCommandsCallAndWhatItsFailureReadsLike) {
   const std::string small = (dir / "small.txt").string();
   const std::string local = (dir / "local-copy").string();
   std::ofstream(local, std::ios::binary) << std::string("a\0b\n\xff", 5);
+  using Args = std::vector<std::string>;
+  using Replies = std::map<std::string, ScriptedReply>;
   struct Row {
-    std::vector<std::string> args;
-    std::map<std::string, ScriptedReply> replies;
+    Args args;
+    Replies replies;
     int rc;
     std::string out;  // a part of stdout
     std::string err;  // all of stderr
@@ -153,72 +155,48 @@ TEST_F(CliUsage, EachCommandsCallAndWhatItsFailureReadsLike) {
   };
   const ScriptedReply refused(200, R"({"status_code":500,"error_code":3,"error_msg":"no"})");
   const std::vector<Row> rows = {
-      {{"get", "3/nope"},
-       {},
-       1,
-       "",
-       "halvofp: get 3/nope: not found (NSCocoaErrorDomain 4610)\n",
-       {}},
-      {{"get", "3/h", "-"},
-       {{"download", ScriptedReply(200, R"({"status_code":200,"filehash":"abc","filesize":5,)"
-                                        R"("fullpath":")" +
-                                            local + R"("})")}},
-       0,
-       std::string("a\0b\n\xff", 5),
-       "",
-       {"download", "updatestatus"}},
-      {{"rename", "3/h", "b.txt"},
-       {{"rename", refused}},
-       1,
-       "",
-       "halvofp: rename 3/h: refused by the host (NSCocoaErrorDomain 513)\n",
-       {"rename"}},
-      {{"move", "3/h", "3/d"},
-       {{"remove", ScriptedReply(200, R"({"status_code":200})")}},
-       1,
-       "",
-       "halvofp: move 3/h: not confirmed by the host (NSCocoaErrorDomain 3328)\n",
-       {"remove"}},
-      {{"trash", "3/h"},
-       {},
-       0,
-       "parentItemIdentifier:    NSFileProviderTrashContainerItemIdentifier\n",
-       "",
-       {"deletefile"}},
-      {{"restore", "3/t"}, {}, 0, "parentItemIdentifier:    3\n", "", {"recoverfile"}},
-      {{"restore", "3/t", "3/d"}, {}, 0, "parentItemIdentifier:    3/d\n", "", {"recoverfile"}},
-      {{"restore", "3/h"}, {}, 1, "", "halvofp: restore 3/h: not in the trash\n", {}},
-      {{"forget", "3/h"},
-       {},
-       0,
-       "forgot 3/h: the host dropped its sync record",
-       "",
-       {"deletesyncdb"}},
-      {{"touch", "3/h"}, {}, 0, "filename:                a.txt\n", "", {}},
-      {{"put", small, "3"},
-       {{"create", ScriptedReply(200, R"({"status_code":500,"error_code":40309,)"
-                                      R"("error_msg":"no room"})")}},
-       1,
-       "",
+      {Args{"get", "3/nope"}, Replies{}, 1, "",
+       "halvofp: get 3/nope: not found (NSCocoaErrorDomain 4610)\n", Args{}},
+      {Args{"get", "3/h", "-"},
+       Replies{
+           {"download", ScriptedReply(200, R"({"status_code":200,"filehash":"abc","filesize":5,)"
+                                           R"("fullpath":")" +
+                                               local + R"("})")}},
+       0, std::string("a\0b\n\xff", 5), "", Args{"download", "updatestatus"}},
+      {Args{"rename", "3/h", "b.txt"}, Replies{{"rename", refused}}, 1, "",
+       "halvofp: rename 3/h: refused by the host (NSCocoaErrorDomain 513)\n", Args{"rename"}},
+      {Args{"move", "3/h", "3/d"},
+       Replies{{"remove", ScriptedReply(200, R"({"status_code":200})")}}, 1, "",
+       "halvofp: move 3/h: not confirmed by the host (NSCocoaErrorDomain 3328)\n", Args{"remove"}},
+      {Args{"trash", "3/h"}, Replies{}, 0,
+       "parentItemIdentifier:    NSFileProviderTrashContainerItemIdentifier\n", "",
+       Args{"deletefile"}},
+      {Args{"restore", "3/t"}, Replies{}, 0, "parentItemIdentifier:    3\n", "",
+       Args{"recoverfile"}},
+      {Args{"restore", "3/t", "3/d"}, Replies{}, 0, "parentItemIdentifier:    3/d\n", "",
+       Args{"recoverfile"}},
+      {Args{"restore", "3/h"}, Replies{}, 1, "", "halvofp: restore 3/h: not in the trash\n",
+       Args{}},
+      {Args{"forget", "3/h"}, Replies{}, 0, "forgot 3/h: the host dropped its sync record", "",
+       Args{"deletesyncdb"}},
+      {Args{"touch", "3/h"}, Replies{}, 0, "filename:                a.txt\n", "", Args{}},
+      {Args{"put", small, "3"},
+       Replies{{"create", ScriptedReply(200, R"({"status_code":500,"error_code":40309,)"
+                                             R"("error_msg":"no room"})")}},
+       1, "",
        "halvofp: put small.txt: the transfer failed: error 40309 \"no room\" "
        "(NSCocoaErrorDomain 5120)\n",
-       {"create"}},
-      {{"mkdir", "3/h", "New"}, {}, 1, "", "halvofp: mkdir New: 3/h is not a folder\n", {}},
-      {{"get", "3/d"}, {}, 2, "", "halvofp: get 3/d: a folder has no contents to fetch\n", {}},
-      {{"update", "3/d", small},
-       {},
-       2,
-       "",
-       "halvofp: update 3/d: a folder has no contents to replace\n",
-       {}},
+       Args{"create"}},
+      {Args{"mkdir", "3/h", "New"}, Replies{}, 1, "", "halvofp: mkdir New: 3/h is not a folder\n",
+       Args{}},
+      {Args{"get", "3/d"}, Replies{}, 2, "",
+       "halvofp: get 3/d: a folder has no contents to fetch\n", Args{}},
+      {Args{"update", "3/d", small}, Replies{}, 2, "",
+       "halvofp: update 3/d: a folder has no contents to replace\n", Args{}},
       // Asks running mounts, never the host.
-      {{"status"}, {}, 1, "", "halvofp: no running mount\n", {}},
-      {{"status", (dir / "folder").string(), "--json"},
-       {},
-       1,
-       "",
-       "halvofp: " + (dir / "folder").string() + " is not in a running halvofp mount\n",
-       {}},
+      {Args{"status"}, Replies{}, 1, "", "halvofp: no running mount\n", Args{}},
+      {Args{"status", (dir / "folder").string(), "--json"}, Replies{}, 1, "",
+       "halvofp: " + (dir / "folder").string() + " is not in a running halvofp mount\n", Args{}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(::testing::PrintToString(row.args));

@@ -106,22 +106,21 @@ TEST_F(FakeMount, ReadingServesTheCloudContentsFetchedOnceForConcurrentOpens) {
   EXPECT_EQ(readAll(at("Docs/notes.md")), "# Notes\n");
 }
 
-TEST_F(FakeMount, EditingAFileSendsItsNewContentsAsAModification) {
+// An edit goes as a modification of the same item, fsync returns only once
+// the cloud has the contents, and a failed upload is sent again while the
+// folder shows the local contents.
+TEST_F(FakeMount, EditsFsyncAndFailedUploadsReachTheCloud) {
   ASSERT_EQ(run("echo '- call the bank' >> Docs/notes.md").rc, 0);
   ASSERT_TRUE(cloudHolds("notes.md", "# Notes\n- call the bank\n"));
   auto calls = cloud->calls();
   EXPECT_NE(std::find(calls.begin(), calls.end(), "modify " + notes + " contents"), calls.end());
-  EXPECT_EQ(inCloud("notes.md")->id, notes);  // the same item, new contents
-}
+  EXPECT_EQ(inCloud("notes.md")->id, notes);
 
-TEST_F(FakeMount, FsyncReturnsOnceTheCloudHasTheContents) {
   ASSERT_EQ(run("printf 'kept' | dd of=Docs/synced.txt conv=fsync status=none").rc, 0);
-  auto e = inCloud("synced.txt");  // no waiting: fsync waited
-  ASSERT_TRUE(e);
-  EXPECT_EQ(e->contents, "kept");
-}
+  auto synced = inCloud("synced.txt");  // no waiting: fsync waited
+  ASSERT_TRUE(synced);
+  EXPECT_EQ(synced->contents, "kept");
 
-TEST_F(FakeMount, FailedUploadIsTriedAgainAndTheFolderShowsTheLocalContents) {
   cloud->failUploads(1);
   ASSERT_EQ(run("printf 'retry me' > Docs/later.txt").rc, 0);
   EXPECT_EQ(readAll(at("Docs/later.txt")), "retry me");

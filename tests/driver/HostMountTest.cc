@@ -10,89 +10,19 @@
 
 #include "digest/FileMD5Hash.h"
 #include "digest/NSDataExpand.h"
-#include "driver/MountFixture.h"
-#include "hostlink/HalvoProviderClient.h"
-#include "platform/Log.h"
-#include "records/Json.h"
-#include "records/JsonReading.h"
-#include "support/ChildProcess.h"
-#include "support/PrivateBus.h"
+#include "driver/HostFolder.h"
 
 namespace hvfp::driver::test {
 namespace {
 
-using hvfp::test::spawn;
-using hvfp::test::waitExit;
-
-bool mountedAt(const fs::path& dir) {
-  std::ifstream in("/proc/self/mountinfo");
-  for (std::string line; std::getline(in, line);)
-    if (line.find(" " + dir.string() + " ") != std::string::npos &&
-        line.find("fuse.halvofp") != std::string::npos)
-      return true;
-  return false;
-}
-
-class HostMount : public ::testing::Test {
+class HostMount : public HostFolder {
  protected:
   void SetUp() override {
-    if (auto why = fuseUnusable(); !why.empty()) GTEST_SKIP() << why;
-    if (!hvfp::test::PrivateBus::available()) GTEST_SKIP() << "dbus-daemon not installed";
-    bus = std::make_unique<hvfp::test::PrivateBus>();
-    ASSERT_TRUE(bus->ok()) << bus->error();
-    root = fs::temp_directory_path() /
-           ("host-mount-" + std::to_string(::getpid()) + "-" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(root);
-    fs::create_directories(root / "mnt");
-    setenv("XDG_CACHE_HOME", (root / "cache").c_str(), 1);
-    host = spawn(
-        {HALVO_HOSTD_BIN, "--root", (root / "store").string(), "--port", "0", "--upload-ports", "0",
-         "--download-port", "0", "--admin-port", "0", "--seed", "sample", "--quiet"},
-        root / "hostd.log");
-    ASSERT_GT(host, 0);
-    ASSERT_TRUE(readQueryPort()) << "halvo-hostd did not start; see " << (root / "hostd.log");
-    client.setNPort(queryPort);
-    setLogSink(LogSink::Silent);
-    mount = spawn({HALVOFP_BIN, "mount", mnt().string(), "--foreground", "--port",
-                   std::to_string(queryPort), "--domain", "hostmount"},
-                  root / "mount.log");
-    ASSERT_GT(mount, 0);
-    ASSERT_TRUE(eventually([&] { return mountedAt(mnt()); }))
-        << "not mounted; see " << (root / "mount.log");
+    HostFolder::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    startMount();
   }
 
-  void TearDown() override {
-    if (mount > 0) {
-      ::kill(mount, SIGTERM);
-      EXPECT_EQ(waitExit(mount, std::chrono::seconds(60)), 0) << readAll(root / "mount.log");
-      EXPECT_FALSE(mountedAt(mnt()));
-    }
-    if (host > 0) {
-      ::kill(host, SIGTERM);
-      waitExit(host);
-    }
-    bus.reset();
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-
-  fs::path mnt() const { return root / "mnt"; }
-  Shell run(const std::string& command) {
-    return sh("cd " + quoted(mnt()) + " && export LC_ALL=C && " + command);
-  }
-  int ctl(std::vector<std::string> args) {
-    args.insert(args.begin(), {HALVO_HOSTD_BIN, "ctl", "--root", (root / "store").string()});
-    return waitExit(spawn(args, root / "ctl.log"));
-  }
-  bool readQueryPort() {
-    return eventually([&] {
-      auto v = objectFromJSONString(readAll(root / "store" / "hostd.ports.json"));
-      if (!v || !v->find("query")) return false;
-      queryPort = readInteger(*v, "query");
-      return queryPort > 0;
-    });
-  }
   // The host's record of the child named `name` in a folder, if any.
   HVFileItemRef hostChild(const std::string& folder, const std::string& name) {
     uint64_t lasttime = 0;
@@ -140,12 +70,6 @@ class HostMount : public ::testing::Test {
         bound);
     return record && record->strFileHash.value_or("") == hash ? record : nullptr;
   }
-
-  std::unique_ptr<hvfp::test::PrivateBus> bus;
-  fs::path root;
-  pid_t host = -1, mount = -1;
-  int64_t queryPort = 0;
-  HalvoProviderClient client;
 };
 
 TEST_F(HostMount, ListingShowsTheCloudWithItsSizesTimesAndModes) {
@@ -183,8 +107,9 @@ TEST_F(HostMount, ListingShowsTheCloudWithItsSizesTimesAndModes) {
 }
 
 TEST_F(HostMount, ChangesMadeOnTheHostShowWithoutRemount) {
+  using Ctl = std::vector<std::string>;
   struct Step {
-    std::vector<std::string> ctl;
+    Ctl ctl;
     std::string look;  // a command run in the mount
     std::string shows;
   };
@@ -192,23 +117,18 @@ TEST_F(HostMount, ChangesMadeOnTheHostShowWithoutRemount) {
   // the host writes it.
   ASSERT_EQ(run("cat Docs/README.txt").out, "Welcome to Docs.\n");
   const std::vector<Step> steps = {
-      {{"add-file", "--mount", "1", "--name", "fresh.txt", "--text", "hello"},
-       "ls Docs && cat Docs/fresh.txt",
-       "README.txt\nReports\nfresh.txt\nnotes.md\nhello"},
-      {{"rename", "--mount", "1", "--path", "notes.md", "--name", "notes-renamed.md"},
-       "ls Docs",
+      {Ctl{"add-file", "--mount", "1", "--name", "fresh.txt", "--text", "hello"},
+       "ls Docs && cat Docs/fresh.txt", "README.txt\nReports\nfresh.txt\nnotes.md\nhello"},
+      {Ctl{"rename", "--mount", "1", "--path", "notes.md", "--name", "notes-renamed.md"}, "ls Docs",
        "README.txt\nReports\nfresh.txt\nnotes-renamed.md\n"},
-      {{"write", "--mount", "1", "--path", "README.txt", "--text", "Written on the host.\n"},
-       "stat -c %s Docs/README.txt && cat Docs/README.txt",
-       "21\nWritten on the host.\n"},
-      {{"move", "--mount", "1", "--path", "fresh.txt", "--to-path", "Reports"},
+      {Ctl{"write", "--mount", "1", "--path", "README.txt", "--text", "Written on the host.\n"},
+       "stat -c %s Docs/README.txt && cat Docs/README.txt", "21\nWritten on the host.\n"},
+      {Ctl{"move", "--mount", "1", "--path", "fresh.txt", "--to-path", "Reports"},
        "ls Docs Docs/Reports",
        "Docs:\nREADME.txt\nReports\nnotes-renamed.md\n\nDocs/Reports:\n2023\nfresh.txt\nq1.txt\n"},
-      {{"add-folder", "--mount", "1", "--parent-path", "Reports", "--name", "Made there"},
-       "ls Docs/Reports",
-       "2023\nMade there\nfresh.txt\nq1.txt\n"},
-      {{"trash", "--mount", "1", "--path", "notes-renamed.md"},
-       "ls Docs .Trash",
+      {Ctl{"add-folder", "--mount", "1", "--parent-path", "Reports", "--name", "Made there"},
+       "ls Docs/Reports", "2023\nMade there\nfresh.txt\nq1.txt\n"},
+      {Ctl{"trash", "--mount", "1", "--path", "notes-renamed.md"}, "ls Docs .Trash",
        ".Trash:\nnotes-renamed.md\nold-draft.txt\n\nDocs:\nREADME.txt\nReports\n"},
   };
   for (const Step& step : steps) {

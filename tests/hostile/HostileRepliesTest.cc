@@ -107,52 +107,55 @@ Outcomes without(Outcomes base, const std::set<Call>& calls) {
   return base;
 }
 
+// The same items from every listing and every change enumeration.
+Outcomes listings(const std::string& items) {
+  return {{Call::ListFolder, items},
+          {Call::ListMounts, items},
+          {Call::ListTrash, items},
+          {Call::FolderChanges, items + ", anchor 7"},
+          {Call::WorkingSetChanges, items + ", anchor 7"}};
+}
+
+// What a well-formed host lists.
+const std::string kTwoItems = "2 items: 5/h1 'a.txt', 5/h2 'b.txt'";
+
 // The host delivered a reply, but nothing in it is usable.
-const Outcomes kUnusable = {
-    {Call::Lookup, "error 4610"},
-    {Call::ListFolder, "0 items"},
-    {Call::ListMounts, "0 items"},
-    {Call::ListTrash, "0 items"},
-    {Call::FolderChanges, "0 items, anchor 7"},
-    {Call::WorkingSetChanges, "0 items, anchor 7"},
-    {Call::Fetch, "error 4610"},
-    {Call::CreateFile, "error 5120 (error 0) pending 2"},
-    {Call::CreateFolder, "error 5120 (error 0) pending 2"},
-    {Call::Rename, "error 513"},
-    {Call::Move, "error 513"},
-    {Call::Trash, "error 513"},
-    {Call::Restore, "error 3328"},
-    {Call::Touch, "error 3328"},
-    {Call::Delete, "done"},
-    {Call::ConsoleLs, "exit 0, 1 lines"},
-    {Call::ConsoleStat, "exit 1, no item"},
-    // The console's change commands look the item (or the parent) up first.
-    {Call::ConsoleGet, "exit 1, error 4610"},
-    {Call::ConsolePut, "exit 1, error 4610"},
-    {Call::ConsoleMkdir, "exit 1, error 4610"},
-    {Call::ConsoleRename, "exit 1, error 4610"},
-    {Call::ConsoleMove, "exit 1, error 4610"},
-    {Call::ConsoleTrash, "exit 1, error 4610"},
-    {Call::ConsoleRestore, "exit 1, error 4610"},
-    {Call::ConsoleTouch, "exit 1, error 4610"},
-    {Call::ConsoleForget, "exit 1, error 4610"},
-    {Call::ConsoleUpdate, "exit 1, error 4610"},
-};
+const Outcomes kUnusable =
+    with(listings("0 items"),
+         {
+             {Call::Lookup, "error 4610"},
+             {Call::Fetch, "error 4610"},
+             {Call::CreateFile, "error 5120 (error 0) pending 2"},
+             {Call::CreateFolder, "error 5120 (error 0) pending 2"},
+             {Call::Rename, "error 513"},
+             {Call::Move, "error 513"},
+             {Call::Trash, "error 513"},
+             {Call::Restore, "error 3328"},
+             {Call::Touch, "error 3328"},
+             {Call::Delete, "done"},
+             {Call::ConsoleLs, "exit 0, 1 lines"},
+             {Call::ConsoleStat, "exit 1, no item"},
+             // The console's change commands look the item (or the parent) up first.
+             {Call::ConsoleGet, "exit 1, error 4610"},
+             {Call::ConsolePut, "exit 1, error 4610"},
+             {Call::ConsoleMkdir, "exit 1, error 4610"},
+             {Call::ConsoleRename, "exit 1, error 4610"},
+             {Call::ConsoleMove, "exit 1, error 4610"},
+             {Call::ConsoleTrash, "exit 1, error 4610"},
+             {Call::ConsoleRestore, "exit 1, error 4610"},
+             {Call::ConsoleTouch, "exit 1, error 4610"},
+             {Call::ConsoleForget, "exit 1, error 4610"},
+             {Call::ConsoleUpdate, "exit 1, error 4610"},
+         });
 
 // No reply came at all (or one over its limit): the same for the framework,
 // but the console says the host did not answer.
-const Outcomes kNoAnswer = with(kUnusable, {{Call::ConsoleLs, "exit 1, no answer"},
-                                            {Call::ConsoleStat, "exit 1, no answer"},
-                                            {Call::ConsoleGet, "exit 1, no answer"},
-                                            {Call::ConsolePut, "exit 1, no answer"},
-                                            {Call::ConsoleMkdir, "exit 1, no answer"},
-                                            {Call::ConsoleRename, "exit 1, no answer"},
-                                            {Call::ConsoleMove, "exit 1, no answer"},
-                                            {Call::ConsoleTrash, "exit 1, no answer"},
-                                            {Call::ConsoleRestore, "exit 1, no answer"},
-                                            {Call::ConsoleTouch, "exit 1, no answer"},
-                                            {Call::ConsoleForget, "exit 1, no answer"},
-                                            {Call::ConsoleUpdate, "exit 1, no answer"}});
+const Outcomes kNoAnswer = [] {
+  Outcomes out = kUnusable;
+  for (int c = static_cast<int>(Call::ConsoleLs); c <= static_cast<int>(Call::ConsoleUpdate); ++c)
+    out[static_cast<Call>(c)] = "exit 1, no answer";
+  return out;
+}();
 
 // Which replies the provider must leave unread past their limit.
 enum class Abandons { Nothing, EveryHostReply, TheContents };
@@ -573,37 +576,33 @@ std::string nested(size_t depth, const std::string& inside = "1") {
 // What a host that answers every query with the record of 5/h1 gets: the
 // lookups and the mutations that only need "status_code" 200 go through;
 // listings, downloads, creations and moves find nothing they can use.
-const Outcomes kRecordForEverything = {
-    {Call::Lookup, "item 5/h1 'a.txt'"},
-    {Call::ListFolder, "0 items"},
-    {Call::ListMounts, "0 items"},
-    {Call::ListTrash, "0 items"},
-    {Call::FolderChanges, "0 items, anchor 7"},
-    {Call::WorkingSetChanges, "0 items, anchor 7"},
-    {Call::Fetch, "error 5120"},
-    {Call::CreateFile, "error 5120 (error 0) pending 2"},
-    {Call::CreateFolder, "error 5120 (error 0) pending 2"},
-    {Call::Rename, "item 5/h1 'a.txt'"},
-    {Call::Move, "error 3328"},
-    {Call::Trash, "item 5/h1 'a.txt'"},
-    {Call::Restore, "item 5/h1 'a.txt'"},
-    {Call::Touch, "item 5/h1 'a.txt'"},
-    {Call::Delete, "done"},
-    {Call::ConsoleLs, "exit 0, 1 lines"},
-    {Call::ConsoleStat, "exit 0, 12 lines"},
-    // The console refuses to create in a file and to restore what is not
-    // in the trash.
-    {Call::ConsoleGet, "exit 1, error 5120"},
-    {Call::ConsolePut, "exit 1, not a folder"},
-    {Call::ConsoleMkdir, "exit 1, not a folder"},
-    {Call::ConsoleRename, "exit 0, 12 lines"},
-    {Call::ConsoleMove, "exit 1, error 3328"},
-    {Call::ConsoleTrash, "exit 0, 12 lines"},
-    {Call::ConsoleRestore, "exit 1, not in the trash"},
-    {Call::ConsoleTouch, "exit 0, 12 lines"},
-    {Call::ConsoleForget, "exit 0, 1 lines"},
-    {Call::ConsoleUpdate, "exit 1, error 5120"},
-};
+const Outcomes kRecordForEverything =
+    with(listings("0 items"), {
+                                  {Call::Lookup, "item 5/h1 'a.txt'"},
+                                  {Call::Fetch, "error 5120"},
+                                  {Call::CreateFile, "error 5120 (error 0) pending 2"},
+                                  {Call::CreateFolder, "error 5120 (error 0) pending 2"},
+                                  {Call::Rename, "item 5/h1 'a.txt'"},
+                                  {Call::Move, "error 3328"},
+                                  {Call::Trash, "item 5/h1 'a.txt'"},
+                                  {Call::Restore, "item 5/h1 'a.txt'"},
+                                  {Call::Touch, "item 5/h1 'a.txt'"},
+                                  {Call::Delete, "done"},
+                                  {Call::ConsoleLs, "exit 0, 1 lines"},
+                                  {Call::ConsoleStat, "exit 0, 12 lines"},
+                                  // The console refuses to create in a file and to restore what is
+                                  // not in the trash.
+                                  {Call::ConsoleGet, "exit 1, error 5120"},
+                                  {Call::ConsolePut, "exit 1, not a folder"},
+                                  {Call::ConsoleMkdir, "exit 1, not a folder"},
+                                  {Call::ConsoleRename, "exit 0, 12 lines"},
+                                  {Call::ConsoleMove, "exit 1, error 3328"},
+                                  {Call::ConsoleTrash, "exit 0, 12 lines"},
+                                  {Call::ConsoleRestore, "exit 1, not in the trash"},
+                                  {Call::ConsoleTouch, "exit 0, 12 lines"},
+                                  {Call::ConsoleForget, "exit 0, 1 lines"},
+                                  {Call::ConsoleUpdate, "exit 1, error 5120"},
+                              });
 
 // What a host gets whose every reply is one record of item 5/h1 with `name`
 // that also stands as the only entry of every listing, under `identifier`,
@@ -613,36 +612,31 @@ Outcomes acceptedWithName(const std::string& name, const std::string& identifier
                           const std::string& get = "exit 2, no file name") {
   const std::string item = "item 5/h1 '" + name + "'";
   const std::string listed = "1 items: " + identifier + " '" + name + "'";
-  return {
-      {Call::Lookup, item},
-      {Call::ListFolder, listed},
-      {Call::ListMounts, listed},
-      {Call::ListTrash, listed},
-      {Call::FolderChanges, listed + ", anchor 7"},
-      {Call::WorkingSetChanges, listed + ", anchor 7"},
-      {Call::Fetch, "error 5120"},
-      {Call::CreateFile, "error 5120 (error 0) pending 2"},
-      {Call::CreateFolder, "error 5120 (error 0) pending 2"},
-      {Call::Rename, item},
-      {Call::Move, "item " + identifier + " '" + name + "'"},
-      {Call::Trash, item},
-      // A restore hands back the item the host's record names.
-      {Call::Restore, "item " + identifier + " '" + name + "'"},
-      {Call::Touch, item},
-      {Call::Delete, "done"},
-      {Call::ConsoleLs, "exit 0, 2 lines"},
-      {Call::ConsoleStat, "exit 0, 12 lines"},
-      {Call::ConsoleGet, get},
-      {Call::ConsolePut, "exit 1, not a folder"},
-      {Call::ConsoleMkdir, "exit 1, not a folder"},
-      {Call::ConsoleRename, "exit 0, 12 lines"},
-      {Call::ConsoleMove, "exit 0, 12 lines"},
-      {Call::ConsoleTrash, "exit 0, 12 lines"},
-      {Call::ConsoleRestore, "exit 1, not in the trash"},
-      {Call::ConsoleTouch, "exit 0, 12 lines"},
-      {Call::ConsoleForget, "exit 0, 1 lines"},
-      {Call::ConsoleUpdate, "exit 1, error 5120"},
-  };
+  return with(listings(listed), {
+                                    {Call::Lookup, item},
+                                    {Call::Fetch, "error 5120"},
+                                    {Call::CreateFile, "error 5120 (error 0) pending 2"},
+                                    {Call::CreateFolder, "error 5120 (error 0) pending 2"},
+                                    {Call::Rename, item},
+                                    {Call::Move, "item " + identifier + " '" + name + "'"},
+                                    {Call::Trash, item},
+                                    // A restore hands back the item the host's record names.
+                                    {Call::Restore, "item " + identifier + " '" + name + "'"},
+                                    {Call::Touch, item},
+                                    {Call::Delete, "done"},
+                                    {Call::ConsoleLs, "exit 0, 2 lines"},
+                                    {Call::ConsoleStat, "exit 0, 12 lines"},
+                                    {Call::ConsoleGet, get},
+                                    {Call::ConsolePut, "exit 1, not a folder"},
+                                    {Call::ConsoleMkdir, "exit 1, not a folder"},
+                                    {Call::ConsoleRename, "exit 0, 12 lines"},
+                                    {Call::ConsoleMove, "exit 0, 12 lines"},
+                                    {Call::ConsoleTrash, "exit 0, 12 lines"},
+                                    {Call::ConsoleRestore, "exit 1, not in the trash"},
+                                    {Call::ConsoleTouch, "exit 0, 12 lines"},
+                                    {Call::ConsoleForget, "exit 0, 1 lines"},
+                                    {Call::ConsoleUpdate, "exit 1, error 5120"},
+                                });
 }
 
 // Every text a reply record reads set to `text`, status 200, the contents'
@@ -673,37 +667,32 @@ TEST_F(HostileHostTest, EveryCallAnswersOnceAndNothingLeavesTheCache) {
   const std::string victim = sandbox.path("victim/x").string();
 
   std::vector<Row> rows = {
-      {"a well-formed host, for reference",
-       wellFormedHost,
-       {
-           {Call::Lookup, "item 5/h1 'a.txt'"},
-           {Call::ListFolder, "2 items: 5/h1 'a.txt', 5/h2 'b.txt'"},
-           {Call::ListMounts, "2 items: 5/h1 'a.txt', 5/h2 'b.txt'"},
-           {Call::ListTrash, "2 items: 5/h1 'a.txt', 5/h2 'b.txt'"},
-           {Call::FolderChanges, "2 items: 5/h1 'a.txt', 5/h2 'b.txt', anchor 7"},
-           {Call::WorkingSetChanges, "2 items: 5/h1 'a.txt', 5/h2 'b.txt', anchor 7"},
-           {Call::Fetch, "file " + kContentsHash + " with the contents of 5/h1 'a.txt'"},
-           {Call::CreateFile, "item 5/h2 'new.txt' pending 2"},
-           {Call::CreateFolder, "item 5/h2 'new.txt' pending 2"},
-           {Call::Rename, "item 5/h1 'a.txt'"},
-           {Call::Move, "item 5/h3 'a.txt'"},
-           {Call::Trash, "item 5/h1 'a.txt'"},
-           {Call::Restore, "item 5/h1 'a.txt'"},
-           {Call::Touch, "item 5/h1 'a.txt'"},
-           {Call::Delete, "done"},
-           {Call::ConsoleLs, "exit 0, 3 lines"},
-           {Call::ConsoleStat, "exit 0, 12 lines"},
-           {Call::ConsoleGet, "exit 0, 12 lines"},
-           {Call::ConsolePut, "exit 0, 12 lines"},
-           {Call::ConsoleMkdir, "exit 0, 12 lines"},
-           {Call::ConsoleRename, "exit 0, 12 lines"},
-           {Call::ConsoleMove, "exit 0, 12 lines"},
-           {Call::ConsoleTrash, "exit 0, 12 lines"},
-           {Call::ConsoleRestore, "exit 1, not in the trash"},
-           {Call::ConsoleTouch, "exit 0, 12 lines"},
-           {Call::ConsoleForget, "exit 0, 1 lines"},
-           {Call::ConsoleUpdate, "exit 0, 12 lines"},
-       }},
+      {"a well-formed host, for reference", wellFormedHost,
+       with(listings(kTwoItems),
+            {
+                {Call::Lookup, "item 5/h1 'a.txt'"},
+                {Call::Fetch, "file " + kContentsHash + " with the contents of 5/h1 'a.txt'"},
+                {Call::CreateFile, "item 5/h2 'new.txt' pending 2"},
+                {Call::CreateFolder, "item 5/h2 'new.txt' pending 2"},
+                {Call::Rename, "item 5/h1 'a.txt'"},
+                {Call::Move, "item 5/h3 'a.txt'"},
+                {Call::Trash, "item 5/h1 'a.txt'"},
+                {Call::Restore, "item 5/h1 'a.txt'"},
+                {Call::Touch, "item 5/h1 'a.txt'"},
+                {Call::Delete, "done"},
+                {Call::ConsoleLs, "exit 0, 3 lines"},
+                {Call::ConsoleStat, "exit 0, 12 lines"},
+                {Call::ConsoleGet, "exit 0, 12 lines"},
+                {Call::ConsolePut, "exit 0, 12 lines"},
+                {Call::ConsoleMkdir, "exit 0, 12 lines"},
+                {Call::ConsoleRename, "exit 0, 12 lines"},
+                {Call::ConsoleMove, "exit 0, 12 lines"},
+                {Call::ConsoleTrash, "exit 0, 12 lines"},
+                {Call::ConsoleRestore, "exit 1, not in the trash"},
+                {Call::ConsoleTouch, "exit 0, 12 lines"},
+                {Call::ConsoleForget, "exit 0, 1 lines"},
+                {Call::ConsoleUpdate, "exit 0, 12 lines"},
+            })},
       {"an empty body", always(""), kUnusable},
       {"a body that is not JSON", always("<html><body>busy</body></html>"), kUnusable},
       {"JSON that is not an object", always(R"(["status_code",200])"), kUnusable},
@@ -724,18 +713,14 @@ TEST_F(HostileHostTest, EveryCallAnswersOnceAndNothingLeavesTheCache) {
        kUnusable},
       {"every field but the status nested 200 deep",
        always(everyKey([](const std::string&) { return nested(200); }, R"("status_code":200)")),
-       with(kRecordForEverything, {{Call::Lookup, "item 5/h1 '(null)'"},
-                                   {Call::Rename, "item 5/h1 '(null)'"},
-                                   {Call::Trash, "item 5/h1 '(null)'"},
-                                   {Call::Restore, "item 0 '(null)'"},
-                                   {Call::Touch, "item 5/h1 '(null)'"},
-                                   {Call::ListFolder, "1 items: 0 '(null)'"},
-                                   {Call::ListMounts, "1 items: 0 '(null)'"},
-                                   {Call::ListTrash, "1 items: 0 '(null)'"},
-                                   {Call::FolderChanges, "1 items: 0 '(null)', anchor 7"},
-                                   {Call::WorkingSetChanges, "1 items: 0 '(null)', anchor 7"},
-                                   {Call::ConsoleLs, "exit 0, 2 lines"},
-                                   {Call::ConsoleGet, "exit 2, no file name"}})},
+       with(with(kRecordForEverything, listings("1 items: 0 '(null)'")),
+            {{Call::Lookup, "item 5/h1 '(null)'"},
+             {Call::Rename, "item 5/h1 '(null)'"},
+             {Call::Trash, "item 5/h1 '(null)'"},
+             {Call::Restore, "item 0 '(null)'"},
+             {Call::Touch, "item 5/h1 '(null)'"},
+             {Call::ConsoleLs, "exit 0, 2 lines"},
+             {Call::ConsoleGet, "exit 2, no file name"}})},
       {"names that climb out of their folder", always(everyText(climbing)),
        acceptedWithName(climbing, "5/" + climbing)},
       {"absolute names and a local path outside the cache",
@@ -776,12 +761,8 @@ TEST_F(HostileHostTest, EveryCallAnswersOnceAndNothingLeavesTheCache) {
   // A list of one entry that is not an object: a record at its defaults.
   rows.push_back({"a listing entry that is not an object",
                   always(R"({"list":[[[[{"a":[1]}]]]],"lasttime":"x"})"),
-                  with(kUnusable, {{Call::ListFolder, "1 items: 0 '(null)'"},
-                                   {Call::ListMounts, "1 items: 0 '(null)'"},
-                                   {Call::ListTrash, "1 items: 0 '(null)'"},
-                                   {Call::FolderChanges, "1 items: 0 '(null)', anchor 7"},
-                                   {Call::WorkingSetChanges, "1 items: 0 '(null)', anchor 7"},
-                                   {Call::ConsoleLs, "exit 0, 2 lines"}})});
+                  with(with(kUnusable, listings("1 items: 0 '(null)'")),
+                       {{Call::ConsoleLs, "exit 0, 2 lines"}})});
 
   for (const Row& row : rows) runRow(row);
 }
@@ -817,12 +798,7 @@ TEST_F(HostileHostTest, RepliesOverTheirLimitsStallsAndAMillionEntries) {
 
   const std::vector<Row> rows = {
       {"replies larger than a record may be", padded,
-       with(kNoAnswer, {{Call::ListFolder, "2 items: 5/h1 'a.txt', 5/h2 'b.txt'"},
-                        {Call::ListMounts, "2 items: 5/h1 'a.txt', 5/h2 'b.txt'"},
-                        {Call::ListTrash, "2 items: 5/h1 'a.txt', 5/h2 'b.txt'"},
-                        {Call::FolderChanges, "2 items: 5/h1 'a.txt', 5/h2 'b.txt', anchor 7"},
-                        {Call::WorkingSetChanges, "2 items: 5/h1 'a.txt', 5/h2 'b.txt', anchor 7"},
-                        {Call::ConsoleLs, "exit 0, 3 lines"}}),
+       with(with(kNoAnswer, listings(kTwoItems)), {{Call::ConsoleLs, "exit 0, 3 lines"}}),
        std::nullopt, Abandons::Nothing},
       {"an endless listing", always(endlessListing()),
        without(kNoAnswer, {Call::ListMounts, Call::ListTrash, Call::FolderChanges,

@@ -204,6 +204,7 @@ TEST_F(HostlinkOverBus, MessagePortGivesUpWhenNobodyListens) {
 // The host's port fails the first `failures` requests (its handler throws,
 // so the caller gets an error reply) and then answers `answer`.
 TEST_F(HostlinkOverBus, MessagePortAttemptsAndReplies) {
+  using Log = std::vector<std::string>;
   struct Case {
     int32_t msgid;
     std::string content;
@@ -211,36 +212,22 @@ TEST_F(HostlinkOverBus, MessagePortAttemptsAndReplies) {
     int failures;
     std::string answer;
     std::string reply;
-    std::vector<std::string> log;
+    Log log;
   };
   const std::string fail = "sendData ret fail:MessagePort_FileInfo,error num ";
   const std::string send = "sendData MessagePort_FileInfo:x";
   const Case cases[] = {
-      {13,
-       "文件",
-       0,
-       0,
-       R"({"status_code":200})",
-       R"({"status_code":200})",
-       {"sendData MessagePort_ChangeFile:文件",
-        R"(sendData ret:MessagePort_ChangeFile,{"status_code":200})"}},
+      {13, "文件", 0, 0, R"({"status_code":200})", R"({"status_code":200})",
+       Log{"sendData MessagePort_ChangeFile:文件",
+           R"(sendData ret:MessagePort_ChangeFile,{"status_code":200})"}},
       // Bytes that are not UTF-8 are no text.
-      {3, "x", 0, 0, "\xff\xfe", "", {send, "sendData ret:MessagePort_FileInfo,"}},
-      {3,
-       "x",
-       0,
-       2,
-       "ok",
-       "ok",
-       {send, fail + "0", send, fail + "1", send, "sendData ret:MessagePort_FileInfo,ok"}},
-      {3,
-       "x",
-       0,
-       5,
-       "never",
-       "",
-       {send, fail + "0", send, fail + "1", send, fail + "2", send, fail + "3", send, fail + "4"}},
-      {3, "x", 3, 5, "never", "", {send, fail + "3", send, fail + "4"}},
+      {3, "x", 0, 0, "\xff\xfe", "", Log{send, "sendData ret:MessagePort_FileInfo,"}},
+      {3, "x", 0, 2, "ok", "ok",
+       Log{send, fail + "0", send, fail + "1", send, "sendData ret:MessagePort_FileInfo,ok"}},
+      {3, "x", 0, 5, "never", "",
+       Log{send, fail + "0", send, fail + "1", send, fail + "2", send, fail + "3", send,
+           fail + "4"}},
+      {3, "x", 3, 5, "never", "", Log{send, fail + "3", send, fail + "4"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.log.back());

@@ -71,214 +71,72 @@ TEST_F(ChangeTasks, EachOutcomeReachesTheHandlerOnce) {
            std::to_string(status) + "}";
   };
 
-  struct Row {
-    const char* what;
-    Kind kind;
-    std::string id, parent;
-    Lines replies, queries;
-    std::string answer;
-    Lines log;
-  };
+  const std::string item12 = record(12, "aaa"), abc = record(12, "abc", 7), h1 = record(5, "h1");
+  const std::string failed = "null pending 8 error 513", gone = "null pending 8 error 3328";
   // Every task here is given changed fields 8 besides its own bit.
-  const std::vector<Row> rows{
-      {"rename done: the name the host now holds, nothing pending",
-       Kind::Rename,
-       "5/h1",
-       "5/p1",
-       {ok, record(5, "h1", 0, "b.txt")},
-       {rename, info5},
-       "5/h1 'b.txt' in 5/p1 " + meta("h1", 0, 0) + " pending 0",
-       {}},
-      {"rename done, item gone",
-       Kind::Rename,
-       "5/h1",
-       "5/p1",
-       {ok, unknown},
-       {rename, info5},
-       "null pending 8 error 3328",
-       {}},
-      {"rename refused",
-       Kind::Rename,
-       "5/h1",
-       "5/p1",
-       {R"({"status_code":403,"error_code":6})"},
-       {rename},
-       "null pending 8 error 513",
-       {}},
-      {"rename answered with no JSON",
-       Kind::Rename,
-       "5/h1",
-       "5/p1",
-       {garbage},
-       {rename},
-       "null pending 8 error 513",
-       {}},
-      {"rename of a provisional item",
-       Kind::Rename,
-       "__fp/x",
-       "5/p1",
-       {},
-       {},
-       "null pending 8 error 513",
-       {}},
-      {"move: the host's new hash under the destination mount",
-       Kind::Move,
-       "12/aaa",
-       "12/bbb",
-       {record(12, "aaa"), movedCcc},
-       {info12, move},
-       "12/ccc 'a.txt' in 12/bbb " + meta("aaa", 0, 0) + " pending 8",
-       {recordLine("12/ccc", "12/bbb")}},
-      {"move to a mount root",
-       Kind::Move,
-       "12/aaa",
-       "7",
-       {record(12, "aaa"), movedCcc},
-       {info12, moveToRoot},
-       "7/ccc 'a.txt' in 7 " + meta("aaa", 0, 0) + " pending 8",
-       {recordLine("7/ccc", "7")}},
-      {"move done, but the item was unknown before",
-       Kind::Move,
-       "12/aaa",
-       "12/bbb",
-       {unknown, movedCcc},
-       {info12, move},
-       "null pending 8 error 3328",
-       {}},
-      {"move done without a new hash",
-       Kind::Move,
-       "12/aaa",
-       "12/bbb",
-       {record(12, "aaa"), ok},
-       {info12, move},
-       "null pending 8 error 3328",
-       {}},
-      {"move refused",
-       Kind::Move,
-       "12/aaa",
-       "12/bbb",
-       {record(12, "aaa"), R"({"status_code":400,"error_code":2})"},
-       {info12, move},
-       "null pending 8 error 513",
-       {}},
-      {"move answered with no JSON",
-       Kind::Move,
-       "12/aaa",
-       "12/bbb",
-       {record(12, "aaa"), garbage},
-       {info12, move},
-       "null pending 8 error 513",
-       {}},
-      {"trash done: the item marked deleted, in the trash",
-       Kind::Delete,
-       "5/h1",
-       kTrash,
-       {record(5, "h1"), ok},
-       {info5, trash},
-       "5/h1 'a.txt' in " + kTrash + " " + meta("h1", 1, 0) + " pending 8",
-       {recordLine("5/h1", kTrash)}},
-      {"trash done, item unknown before",
-       Kind::Delete,
-       "5/h1",
-       kTrash,
-       {unknown, ok},
-       {info5, trash},
-       "null pending 8",
-       {}},
-      {"trash of an item already there (error 5)",
-       Kind::Delete,
-       "5/h1",
-       kTrash,
-       {record(5, "h1"), R"({"status_code":400,"error_code":5})"},
-       {info5, trash},
-       "null pending 8",
-       {}},
-      {"trash refused (error 6)",
-       Kind::Delete,
-       "5/h1",
-       kTrash,
-       {record(5, "h1"), R"({"status_code":400,"error_code":6})"},
-       {info5, trash},
-       "null pending 8 error 513",
-       {}},
-      {"trash answered with no JSON",
-       Kind::Delete,
-       "5/h1",
-       kTrash,
-       {record(5, "h1"), garbage},
-       {info5, trash},
-       "null pending 8 error 513",
-       {}},
-      {"trash of a mount root is never sent",
-       Kind::Delete,
-       "5",
-       kTrash,
-       {R"({"status_code":200,"root":1,"dir":1,"mount_id":5})"},
-       {"type=fileinfo&uuidhash=&mount_id=5"},
-       "null pending 8 error 513",
-       {}},
-      {"restore done: status 4, the parent given",
-       Kind::Recover,
-       "12/abc",
-       "12/p",
-       {record(12, "abc", 7), ok},
-       {infoAbc, restore},
-       "12/abc 'a.txt' in 12/p " + meta("abc", 0, 4) + " pending 8",
-       {}},
-      {"restore of a mount root asks nothing",
-       Kind::Recover,
-       "12",
-       "12/p",
-       {},
-       {},
-       "null pending 8 error 3328",
-       {}},
-      {"restore of a provisional item asks nothing",
-       Kind::Recover,
-       "__fp/fs/9",
-       "12/p",
-       {},
-       {},
-       "null pending 8 error 3328",
-       {}},
-      {"restore of an item the host answers with an error code",
-       Kind::Recover,
-       "12/abc",
-       "12/p",
-       {R"({"status_code":200,"error_code":7,"filename":"a.txt"})"},
-       {infoAbc},
-       "null pending 8 error 3328",
-       {}},
-      {"restore of an item looked up with no JSON",
-       Kind::Recover,
-       "12/abc",
-       "12/p",
-       {garbage},
-       {infoAbc},
-       "null pending 8 error 3328",
-       {}},
-      {"restore refused",
-       Kind::Recover,
-       "12/abc",
-       "12/p",
-       {record(12, "abc", 7), R"({"status_code":400})"},
-       {infoAbc, restore},
-       "null pending 8 error 3328",
-       {}},
-  };
   const uint64_t own[] = {2, 4, 4, 4};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    for (const auto& reply : row.replies) server.enqueue({200, reply});
+  auto check = [&](const char* what, Kind kind, const std::string& id, const std::string& parent,
+                   const Lines& replies, const Lines& queries, const std::string& answer,
+                   const Lines& log = {}) {
+    SCOPED_TRACE(what);
+    for (const auto& reply : replies) server.enqueue({200, reply});
     ChangeRecorder recorder;
-    makeTask(row.kind, client, row.id, row.parent, own[static_cast<int>(row.kind)] | 8,
-             Progress::make(), recorder.handler())
+    makeTask(kind, client, id, parent, own[static_cast<int>(kind)] | 8, Progress::make(),
+             recorder.handler())
         ->main();
     EXPECT_EQ(recorder.calls(), 1);
-    EXPECT_EQ(recorder.first(), row.answer);
-    EXPECT_EQ(newQueries(), row.queries);
-    EXPECT_EQ(takeCapturedLog(), row.log);
-  }
+    EXPECT_EQ(recorder.first(), answer);
+    EXPECT_EQ(newQueries(), queries);
+    EXPECT_EQ(takeCapturedLog(), log);
+  };
+  check("rename done: the name the host now holds, nothing pending", Kind::Rename, "5/h1", "5/p1",
+        {ok, record(5, "h1", 0, "b.txt")}, {rename, info5},
+        "5/h1 'b.txt' in 5/p1 " + meta("h1", 0, 0) + " pending 0");
+  check("rename done, item gone", Kind::Rename, "5/h1", "5/p1", {ok, unknown}, {rename, info5},
+        gone);
+  check("rename refused", Kind::Rename, "5/h1", "5/p1", {R"({"status_code":403,"error_code":6})"},
+        {rename}, failed);
+  check("rename answered with no JSON", Kind::Rename, "5/h1", "5/p1", {garbage}, {rename}, failed);
+  check("rename of a provisional item", Kind::Rename, "__fp/x", "5/p1", {}, {}, failed);
+  check("move: the host's new hash under the destination mount", Kind::Move, "12/aaa", "12/bbb",
+        {item12, movedCcc}, {info12, move},
+        "12/ccc 'a.txt' in 12/bbb " + meta("aaa", 0, 0) + " pending 8",
+        {recordLine("12/ccc", "12/bbb")});
+  check("move to a mount root", Kind::Move, "12/aaa", "7", {item12, movedCcc}, {info12, moveToRoot},
+        "7/ccc 'a.txt' in 7 " + meta("aaa", 0, 0) + " pending 8", {recordLine("7/ccc", "7")});
+  check("move done, but the item was unknown before", Kind::Move, "12/aaa", "12/bbb",
+        {unknown, movedCcc}, {info12, move}, gone);
+  check("move done without a new hash", Kind::Move, "12/aaa", "12/bbb", {item12, ok},
+        {info12, move}, gone);
+  check("move refused", Kind::Move, "12/aaa", "12/bbb",
+        {item12, R"({"status_code":400,"error_code":2})"}, {info12, move}, failed);
+  check("move answered with no JSON", Kind::Move, "12/aaa", "12/bbb", {item12, garbage},
+        {info12, move}, failed);
+  check("trash done: the item marked deleted, in the trash", Kind::Delete, "5/h1", kTrash, {h1, ok},
+        {info5, trash}, "5/h1 'a.txt' in " + kTrash + " " + meta("h1", 1, 0) + " pending 8",
+        {recordLine("5/h1", kTrash)});
+  check("trash done, item unknown before", Kind::Delete, "5/h1", kTrash, {unknown, ok},
+        {info5, trash}, "null pending 8");
+  check("trash of an item already there (error 5)", Kind::Delete, "5/h1", kTrash,
+        {h1, R"({"status_code":400,"error_code":5})"}, {info5, trash}, "null pending 8");
+  check("trash refused (error 6)", Kind::Delete, "5/h1", kTrash,
+        {h1, R"({"status_code":400,"error_code":6})"}, {info5, trash}, failed);
+  check("trash answered with no JSON", Kind::Delete, "5/h1", kTrash, {h1, garbage}, {info5, trash},
+        failed);
+  check("trash of a mount root is never sent", Kind::Delete, "5", kTrash,
+        {R"({"status_code":200,"root":1,"dir":1,"mount_id":5})"},
+        {"type=fileinfo&uuidhash=&mount_id=5"}, failed);
+  check("restore done: status 4, the parent given", Kind::Recover, "12/abc", "12/p", {abc, ok},
+        {infoAbc, restore}, "12/abc 'a.txt' in 12/p " + meta("abc", 0, 4) + " pending 8");
+  check("restore of a mount root asks nothing", Kind::Recover, "12", "12/p", {}, {}, gone);
+  check("restore of a provisional item asks nothing", Kind::Recover, "__fp/fs/9", "12/p", {}, {},
+        gone);
+  check("restore of an item the host answers with an error code", Kind::Recover, "12/abc", "12/p",
+        {R"({"status_code":200,"error_code":7,"filename":"a.txt"})"}, {infoAbc}, gone);
+  check("restore of an item looked up with no JSON", Kind::Recover, "12/abc", "12/p", {garbage},
+        {infoAbc}, gone);
+  check("restore refused", Kind::Recover, "12/abc", "12/p", {abc, R"({"status_code":400})"},
+        {infoAbc, restore}, gone);
 }
 
 // Holds every host reply until opened.

@@ -66,145 +66,58 @@ TEST_F(ModifyItem, ChangedFieldsPickOneTaskOrTheHostsRecord) {
   const std::string restored = "5/h1 'a.txt' in 5/p2 " + meta(0, 4) + " pending 0";
   const std::string movedAnswer = "5/h9 'a.txt' in 5/p2 " + meta(0, 0) + " pending 0";
 
-  struct Row {
-    const char* what;
-    NSFileProviderItemTemplate item;
-    uint64_t fields;
-    std::optional<NSFileProviderItemVersion> base;
-    Lines replies;
-    Lines queries;
-    std::string answer;
-    Lines log;  // after the modifyItem line
-  };
-  const std::vector<Row> rows{
-      {"name and parent: the rename alone, to the new parent",
-       itemAs("5/h1", "5/p2", "b.txt"),
-       6,
-       std::nullopt,
-       {ok, record(5, "h1", 0, "b.txt")},
-       {"type=rename&uuidhash=h1&filename=b%2Etxt&mount_id=5", info},
-       "5/h1 'b.txt' in 5/p2 " + meta(0, 0) + " pending 0",
-       {}},
-      {"a date alone: the host's record",
-       at,
-       128,
-       NSFileProviderItemVersion{R"({"filehash":"f","filesize":1})", meta(0, 0)},
-       {rec},
-       {info},
-       "5/h1 'a.txt' in 5/p1 " + meta(0, 0) + " pending 0",
-       versionLog({R"({"filehash":"f","filesize":1})", meta(0, 0)})},
-      {"no named field, an item the host does not know; empty parts are absent",
-       at,
-       1024,
-       NSFileProviderItemVersion{"", ""},
-       {unknown},
-       {info},
-       "null pending 0 error 3328",
-       {}},
-      {"a mount root answers with its registered name",
-       itemAs("1", kRoot, "Docs(2)"),
-       8,
-       std::nullopt,
-       {R"({"status_code":200,"root":1,"dir":1,"filename":"Docs","mount_id":1,"uuidhash":""})"},
-       {"type=fileinfo&uuidhash=&mount_id=1"},
-       "1 'Docs(2)' in " + kRoot + R"( {"delete":0,"hash":"","status":0} pending 0)",
-       {}},
-      {"into the trash: a deletion whatever the base says",
-       trashing,
-       12,
-       trashed(2),
-       {rec, ok},
-       {info, "type=deletefile&uuidhash=h1&mount_id=5"},
-       "5/h1 'a.txt' in " + kTrash + " " + meta(1, 0) + " pending 8",
-       [&] {
-         Lines l = versionLog(trashed(2));
-         l.push_back(recordLine("5/h1", kTrash));
-         return l;
-       }()},
-      {"a move without a base version",
-       moving,
-       4,
-       std::nullopt,
-       {rec, moved},
-       {info, move},
-       movedAnswer,
-       {recordLine("5/h9", "5/p2")}},
-      {"a move whose base says not deleted",
-       moving,
-       4,
-       NSFileProviderItemVersion{"{}", R"({"delete":0,"status":2})"},
-       {rec, moved},
-       {info, move},
-       movedAnswer,
-       {"contentVersion:{}", R"(metadataVersion:{"delete":0,"status":2})",
-        recordLine("5/h9", "5/p2")}},
-      {"a move whose base metadata is not JSON",
-       moving,
-       4,
-       NSFileProviderItemVersion{"", "[1]"},
-       {rec, moved},
-       {info, move},
-       movedAnswer,
-       {"metadataVersion:[1]", recordLine("5/h9", "5/p2")}},
-      {"out of the trash, status 2: a restore",
-       moving,
-       4,
-       trashed(2),
-       {inTrash, ok},
-       {info, restore},
-       restored,
-       versionLog(trashed(2))},
-      {"out of the trash, status 0: a restore",
-       moving,
-       4,
-       trashed(0),
-       {inTrash, ok},
-       {info, restore},
-       restored,
-       versionLog(trashed(0))},
-      {"out of the trash, status -1: a restore",
-       moving,
-       4,
-       trashed(-1),
-       {inTrash, ok},
-       {info, restore},
-       restored,
-       versionLog(trashed(-1))},
-      {"out of the trash, content version not JSON: a restore",
-       moving,
-       4,
-       trashed(2, "garbage"),
-       {inTrash, ok},
-       {info, restore},
-       restored,
-       versionLog(trashed(2, "garbage"))},
-      {"out of the trash, status 1: the host's record",
-       moving,
-       4,
-       trashed(1),
-       {rec},
-       {info},
-       "5/h1 'a.txt' in 5/p2 " + meta(0, 0) + " pending 0",
-       versionLog(trashed(1))},
-      {"out of the trash, status 3: the host does not know the item",
-       moving,
-       12,
-       trashed(3),
-       {unknown},
-       {info},
-       "null pending 0 error 3328",
-       versionLog(trashed(3))},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    for (const auto& reply : row.replies) server.enqueue({200, reply});
-    EXPECT_EQ(modify(row.item, row.fields, row.base), row.answer);
-    EXPECT_EQ(newQueries(), row.queries);
-    Lines log{"FileProviderExtension modifyItem:" + *row.item.name + "," + row.item.identifier +
-              "," + FileProviderExtension::getChangeFields(row.fields)};
-    log.insert(log.end(), row.log.begin(), row.log.end());
+  auto check = [&](const char* what, const NSFileProviderItemTemplate& item, uint64_t fields,
+                   const std::optional<NSFileProviderItemVersion>& base, const Lines& replies,
+                   const Lines& queries, const std::string& answer, const Lines& after = {}) {
+    SCOPED_TRACE(what);
+    for (const auto& reply : replies) server.enqueue({200, reply});
+    EXPECT_EQ(modify(item, fields, base), answer);
+    EXPECT_EQ(newQueries(), queries);
+    Lines log{"FileProviderExtension modifyItem:" + *item.name + "," + item.identifier + "," +
+              FileProviderExtension::getChangeFields(fields)};
+    log.insert(log.end(), after.begin(), after.end());
     EXPECT_EQ(takeCapturedLog(), log);
-  }
+  };
+  check("name and parent: the rename alone, to the new parent", itemAs("5/h1", "5/p2", "b.txt"), 6,
+        std::nullopt, {ok, record(5, "h1", 0, "b.txt")},
+        {"type=rename&uuidhash=h1&filename=b%2Etxt&mount_id=5", info},
+        "5/h1 'b.txt' in 5/p2 " + meta(0, 0) + " pending 0");
+  check("a date alone: the host's record", at, 128,
+        NSFileProviderItemVersion{R"({"filehash":"f","filesize":1})", meta(0, 0)}, {rec}, {info},
+        "5/h1 'a.txt' in 5/p1 " + meta(0, 0) + " pending 0",
+        versionLog({R"({"filehash":"f","filesize":1})", meta(0, 0)}));
+  check("no named field, an item the host does not know; empty parts are absent", at, 1024,
+        NSFileProviderItemVersion{"", ""}, {unknown}, {info}, "null pending 0 error 3328");
+  check("a mount root answers with its registered name", itemAs("1", kRoot, "Docs(2)"), 8,
+        std::nullopt,
+        {R"({"status_code":200,"root":1,"dir":1,"filename":"Docs","mount_id":1,"uuidhash":""})"},
+        {"type=fileinfo&uuidhash=&mount_id=1"},
+        "1 'Docs(2)' in " + kRoot + R"( {"delete":0,"hash":"","status":0} pending 0)");
+  check("into the trash: a deletion whatever the base says", trashing, 12, trashed(2), {rec, ok},
+        {info, "type=deletefile&uuidhash=h1&mount_id=5"},
+        "5/h1 'a.txt' in " + kTrash + " " + meta(1, 0) + " pending 8", [&] {
+          Lines l = versionLog(trashed(2));
+          l.push_back(recordLine("5/h1", kTrash));
+          return l;
+        }());
+  check("a move without a base version", moving, 4, std::nullopt, {rec, moved}, {info, move},
+        movedAnswer, {recordLine("5/h9", "5/p2")});
+  check("a move whose base says not deleted", moving, 4,
+        NSFileProviderItemVersion{"{}", R"({"delete":0,"status":2})"}, {rec, moved}, {info, move},
+        movedAnswer,
+        {"contentVersion:{}", R"(metadataVersion:{"delete":0,"status":2})",
+         recordLine("5/h9", "5/p2")});
+  check("a move whose base metadata is not JSON", moving, 4, NSFileProviderItemVersion{"", "[1]"},
+        {rec, moved}, {info, move}, movedAnswer,
+        {"metadataVersion:[1]", recordLine("5/h9", "5/p2")});
+  // Statuses 2, 0 and -1 (and a content version that is not JSON) mean restore.
+  for (const auto& base : {trashed(2), trashed(0), trashed(-1), trashed(2, "garbage")})
+    check("out of the trash: a restore", moving, 4, base, {inTrash, ok}, {info, restore}, restored,
+          versionLog(base));
+  check("out of the trash, status 1: the host's record", moving, 4, trashed(1), {rec}, {info},
+        "5/h1 'a.txt' in 5/p2 " + meta(0, 0) + " pending 0", versionLog(trashed(1)));
+  check("out of the trash, status 3: the host does not know the item", moving, 12, trashed(3),
+        {unknown}, {info}, "null pending 0 error 3328", versionLog(trashed(3)));
 }
 
 TEST(ChangeFields, NamedBitsInOrderEachWithItsComma) {

@@ -35,112 +35,61 @@ TEST_F(MutationRequests, SendExactlyTheseQueriesAndNothingForRefusedIdentifiers)
     };
   };
   const std::string ok = R"({"status_code":200,"hash":"cc"})";
-  struct Row {
-    const char* what;
-    Call call;
-    std::string reply;  // "" when nothing may be sent
-    Lines queries;
-    std::string result;
+  // An empty reply: nothing may be sent.
+  auto check = [&](const char* what, const Call& call, const std::string& reply,
+                   const Lines& queries, const std::string& result) {
+    SCOPED_TRACE(what);
+    if (!reply.empty()) server.enqueue({200, reply});
+    EXPECT_EQ(call(client), result);
+    EXPECT_EQ(newQueries(), queries);
   };
-  const std::vector<Row> rows{
-      {"move between folders",
-       move("5/aa", "5/bb"),
-       ok,
-       {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=bb&parent_mount_id=5"},
-       "status 200 hash cc"},
-      {"move to a mount root",
-       move("5/aa", "6"),
-       ok,
-       {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=&parent_mount_id=6"},
-       "status 200 hash cc"},
-      {"move into a provisional folder",
-       move("5/aa", "__fp/y"),
-       ok,
-       {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=y&parent_mount_id=0"},
-       "status 200 hash cc"},
-      {"move to a container",
-       move("5/aa", kTrash),
-       ok,
-       {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=&parent_mount_id=0"},
-       "status 200 hash cc"},
-      {"move of a provisional item", move("__fp/x", "5/bb"), "", {}, "none"},
-      {"move answered without a hash",
-       move("5/aa", "5/bb"),
-       R"({"status_code":200})",
-       {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=bb&parent_mount_id=5"},
-       "status 200 hash (null)"},
-      {"rename with reserved characters",
-       rename("5/aa", "a&b.txt"),
-       R"({"status_code":200})",
-       {"type=rename&uuidhash=aa&filename=a%26b%2Etxt&mount_id=5"},
-       "status 200"},
-      {"rename of a mount root",
-       rename("5", "x"),
-       R"({"status_code":200})",
-       {"type=rename&uuidhash=&filename=x&mount_id=5"},
-       "status 200"},
-      {"rename of a provisional item", rename("__fp/fs/1", "x"), "", {}, "none"},
-      {"rename refused: the status is the caller's",
-       rename("5/aa", "x"),
-       R"({"status_code":403,"error_code":6})",
-       {"type=rename&uuidhash=aa&filename=x&mount_id=5"},
-       "status 403"},
-      {"rename answered with no JSON",
-       rename("5/aa", "x"),
-       "<html>",
-       {"type=rename&uuidhash=aa&filename=x&mount_id=5"},
-       "none"},
-      {"rename answered with an array",
-       rename("5/aa", "x"),
-       "[1]",
-       {"type=rename&uuidhash=aa&filename=x&mount_id=5"},
-       "none"},
-      {"trash",
-       trash("5/aa"),
-       R"({"status_code":200})",
-       {"type=deletefile&uuidhash=aa&mount_id=5"},
-       "status 200"},
-      {"trash of a mount root", trash("5"), "", {}, "none"},
-      {"trash of a provisional item", trash("__fp/5/a"), "", {}, "none"},
-      {"restore",
-       recover("5/aa"),
-       R"({"status_code":200})",
-       {"type=recoverfile&uuidhash=aa&mount_id=5"},
-       "status 200"},
-      {"restore of a provisional item", recover("__fp/fs/9"), "", {}, "none"},
-      {"restore of a mount root", recover("5"), "", {}, "none"},
-      {"local status",
-       notice([](auto& c) { c.updateStauts("5/aa", 3); }),
-       "{}",
-       {"type=updatestatus&uuidhash=aa&mount_id=5&status=3"},
-       "-"},
-      {"local status of a mount root",
-       notice([](auto& c) { c.updateStauts("5", 3); }),
-       "",
-       {},
-       "-"},
-      {"cache copy with an empty path",
-       notice([](auto& c) { c.addFileToCache("", "h"); }),
-       "{}",
-       {"type=addcache&path=&filehash=h"},
-       "-"},
-      {"sync record: everything after the first slash",
-       notice([](auto& c) { c.deleteSyncDB("5/aa/bb"); }),
-       "{}",
-       {"type=deletesyncdb&uuidhash=aa%2Fbb&mount_id=5"},
-       "-"},
-      {"sync record of a provisional item",
-       notice([](auto& c) { c.deleteSyncDB("__fp/5/a"); }),
-       "",
-       {},
-       "-"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    if (!row.reply.empty()) server.enqueue({200, row.reply});
-    EXPECT_EQ(row.call(client), row.result);
-    EXPECT_EQ(newQueries(), row.queries);
-  }
+  check("move between folders", move("5/aa", "5/bb"), ok,
+        {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=bb&parent_mount_id=5"},
+        "status 200 hash cc");
+  check("move to a mount root", move("5/aa", "6"), ok,
+        {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=&parent_mount_id=6"},
+        "status 200 hash cc");
+  check("move into a provisional folder", move("5/aa", "__fp/y"), ok,
+        {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=y&parent_mount_id=0"},
+        "status 200 hash cc");
+  check("move to a container", move("5/aa", kTrash), ok,
+        {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=&parent_mount_id=0"},
+        "status 200 hash cc");
+  check("move of a provisional item", move("__fp/x", "5/bb"), "", {}, "none");
+  check("move answered without a hash", move("5/aa", "5/bb"), R"({"status_code":200})",
+        {"type=remove&uuidhash=aa&mount_id=5&parent_uuidhash=bb&parent_mount_id=5"},
+        "status 200 hash (null)");
+  check("rename with reserved characters", rename("5/aa", "a&b.txt"), R"({"status_code":200})",
+        {"type=rename&uuidhash=aa&filename=a%26b%2Etxt&mount_id=5"}, "status 200");
+  check("rename of a mount root", rename("5", "x"), R"({"status_code":200})",
+        {"type=rename&uuidhash=&filename=x&mount_id=5"}, "status 200");
+  check("rename of a provisional item", rename("__fp/fs/1", "x"), "", {}, "none");
+  check("rename refused: the status is the caller's", rename("5/aa", "x"),
+        R"({"status_code":403,"error_code":6})", {"type=rename&uuidhash=aa&filename=x&mount_id=5"},
+        "status 403");
+  check("rename answered with no JSON", rename("5/aa", "x"), "<html>",
+        {"type=rename&uuidhash=aa&filename=x&mount_id=5"}, "none");
+  check("rename answered with an array", rename("5/aa", "x"), "[1]",
+        {"type=rename&uuidhash=aa&filename=x&mount_id=5"}, "none");
+  check("trash", trash("5/aa"), R"({"status_code":200})",
+        {"type=deletefile&uuidhash=aa&mount_id=5"}, "status 200");
+  check("trash of a mount root", trash("5"), "", {}, "none");
+  check("trash of a provisional item", trash("__fp/5/a"), "", {}, "none");
+  check("restore", recover("5/aa"), R"({"status_code":200})",
+        {"type=recoverfile&uuidhash=aa&mount_id=5"}, "status 200");
+  check("restore of a provisional item", recover("__fp/fs/9"), "", {}, "none");
+  check("restore of a mount root", recover("5"), "", {}, "none");
+  check("local status", notice([](auto& c) { c.updateStauts("5/aa", 3); }), "{}",
+        {"type=updatestatus&uuidhash=aa&mount_id=5&status=3"}, "-");
+  check("local status of a mount root", notice([](auto& c) { c.updateStauts("5", 3); }), "", {},
+        "-");
+  check("cache copy with an empty path", notice([](auto& c) { c.addFileToCache("", "h"); }), "{}",
+        {"type=addcache&path=&filehash=h"}, "-");
+  check("sync record: everything after the first slash",
+        notice([](auto& c) { c.deleteSyncDB("5/aa/bb"); }), "{}",
+        {"type=deletesyncdb&uuidhash=aa%2Fbb&mount_id=5"}, "-");
+  check("sync record of a provisional item", notice([](auto& c) { c.deleteSyncDB("__fp/5/a"); }),
+        "", {}, "-");
 }
 
 }  // namespace
