@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchHost.h"
 #include "BenchUtil.h"
 #include "Blobs.h"
 #include "Digest.h"
@@ -60,14 +61,6 @@ double seconds(Fn&& fn) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// The provider finds its temporary directory under XDG_CACHE_HOME and runs
-// without host events when there is no bus.
-void providerEnvironment(const fs::path& cacheHome) {
-  ::setenv("XDG_CACHE_HOME", cacheHome.c_str(), 1);
-  ::setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + (cacheHome / "no-bus").string()).c_str(), 1);
-  setLogSink(LogSink::Silent);
-}
-
 // One fetch through the extension; the path of the contents, or none.
 std::optional<std::string> fetch(FileProviderExtension& extension, const std::string& identifier) {
   std::promise<std::optional<std::string>> done;
@@ -81,7 +74,7 @@ std::optional<std::string> fetch(FileProviderExtension& extension, const std::st
 
 // The child of the memory measurement: fetches and prints its peak in KiB.
 int fetchChild(int port, const std::string& identifier, const fs::path& cacheHome) {
-  providerEnvironment(cacheHome);
+  bench::providerEnvironment(cacheHome);
   HalvoProviderClient client;
   FileProviderExtension extension(client, {"bench", "Bench"});
   client.setNPort(port);
@@ -181,15 +174,9 @@ int main(int argc, char** argv) {
   if (static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize < kFourGiB + 4 * kOneGiB)
     die("not enough free disk space under " + work.string());
 
-  providerEnvironment(work / "cache");
-  hostd::HostConfig config;
-  config.root = work / "host";
-  config.port = config.downloadPort = config.adminPort = 0;
-  config.uploadPorts = {0};
-  config.useBus = false;
-  config.quiet = true;
-  config.forceUris = true;  // contents always travel through the download server
-  hostd::Host host(config);
+  bench::providerEnvironment(work / "cache");
+  // Contents always travel through the download server.
+  hostd::Host host(bench::hostConfig(work / "host", true));
   if (auto started = host.start(); !started.ok()) die("host: " + started.failure().message);
   auto mount = host.store().addMount("Bench", 1);
   if (!mount.ok()) die("cannot add a mount");

@@ -41,6 +41,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchHost.h"
 #include "BenchUtil.h"
 #include "Digest.h"
 #include "Host.h"
@@ -296,15 +297,6 @@ double createInProcess(FileProviderExtension& extension, HalvoProviderClient& cl
   return s;
 }
 
-// New contents for each round, so every round really uploads.
-void stamp(const fs::path& path, int round) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-  char mark[32];
-  int n = std::snprintf(mark, sizeof mark, "round %d ", round);
-  (void)!::pwrite(fd, mark, static_cast<size_t>(n), 0);
-  ::close(fd);
-}
-
 void writes(hostd::Host& host, int64_t mount) {
   const fs::path source = gWork / "source.bin";
   sh("head -c " + std::to_string(kOneGiB) + " /dev/urandom > " + source.string());
@@ -316,14 +308,14 @@ void writes(hostd::Host& host, int64_t mount) {
   for (int round = 0; round < kColdRounds; ++round) {
     const std::string name = "w" + std::to_string(round) + ".bin";
     const fs::path target = mounted.dir() / "Bench" / name;
-    stamp(source, 2 * round);
+    bench::stamp(source, 2 * round);
     double copied = 0;
     ours.push_back(seconds([&] {
       copied = seconds([&] { sh("cp " + source.string() + " " + target.string()); });
       sh("sync " + target.string());
     }));
     std::fprintf(stderr, "fuse_write: cp took %.3f s of it\n", copied);
-    stamp(source, 2 * round + 1);
+    bench::stamp(source, 2 * round + 1);
     theirs.push_back(createInProcess(extension, client, mount, source, "r" + name));
     detail("fuse_write", ours.back(), theirs.back());
     // What both sides made goes, so the disk holds at most a few copies.
@@ -354,17 +346,9 @@ int main(int argc, char** argv) {
   if (static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize < 10 * kOneGiB)
     die("not enough free disk space under " + gWork.string());
 
-  ::setenv("XDG_CACHE_HOME", (gWork / "cache").c_str(), 1);
-  ::setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + (gWork / "no-bus").string()).c_str(), 1);
-  setLogSink(LogSink::Silent);
-  hostd::HostConfig config;
-  config.root = gWork / "host";
-  config.port = config.downloadPort = config.adminPort = 0;
-  config.uploadPorts = {0};
-  config.useBus = false;
-  config.quiet = true;
-  config.forceUris = true;  // contents always travel through the download server
-  hostd::Host host(config);
+  bench::providerEnvironment(gWork / "cache");
+  // Contents always travel through the download server.
+  hostd::Host host(bench::hostConfig(gWork / "host", true));
   if (auto started = host.start(); !started.ok()) die("host: " + started.failure().message);
   auto mount = host.store().addMount("Bench", 1);
   if (!mount.ok()) die("cannot add a mount");

@@ -33,6 +33,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchHost.h"
 #include "BenchUtil.h"
 #include "Host.h"
 #include "extension/FileProviderExtension.h"
@@ -85,15 +86,6 @@ bool fillFile(const fs::path& path, uint64_t size) {
   return ::close(fd) == 0 && ok;
 }
 
-// New contents for each round, so every round really uploads.
-void stamp(const fs::path& path, int round) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-  char mark[32];
-  int n = std::snprintf(mark, sizeof mark, "round %d ", round);
-  (void)!::pwrite(fd, mark, static_cast<size_t>(n), 0);
-  ::close(fd);
-}
-
 bool run(const std::string& command) { return std::system(command.c_str()) == 0; }
 
 std::string textOf(const hvfp::JsonValue& v, const char* key) {
@@ -105,19 +97,12 @@ class Bench {
   explicit Bench(fs::path root) : root_(std::move(root)) {}
 
   bool start() {
-    hvfp::hostd::HostConfig config;
-    config.root = root_ / "host";
-    config.port = config.downloadPort = config.adminPort = 0;
-    config.uploadPorts = {0};
-    config.useBus = false;
-    config.quiet = true;
-    host_ = std::make_unique<hvfp::hostd::Host>(config);
+    host_ = std::make_unique<hvfp::hostd::Host>(hvfp::bench::hostConfig(root_ / "host", false));
     if (!host_->start()) return false;
     auto mount = host_->store().addMount("Bench", 1);
     if (!mount) return false;
     mountId_ = mount->id;
-    ::setenv("XDG_CACHE_HOME", (root_ / "cache").c_str(), 1);
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + (root_ / "no-bus").string()).c_str(), 1);
+    hvfp::bench::providerEnvironment(root_ / "cache");
     extension_ = std::make_unique<hvfp::FileProviderExtension>(
         client_, hvfp::NSFileProviderDomain{"bench", "Bench"});
     client_.setNPort(host_->queryPort());
@@ -244,10 +229,10 @@ int main() {
     } else {
       std::vector<double> ours, reference;
       for (int round = 0; round < kRounds; ++round) {
-        stamp(source, 2 * round);
+        hvfp::bench::stamp(source, 2 * round);
         ours.push_back(bench.ours(source, kOneGiB, "ours-" + std::to_string(round) + ".bin"));
         fprintf(stderr, "ours %.3f\n", ours.back());
-        stamp(source, 2 * round + 1);
+        hvfp::bench::stamp(source, 2 * round + 1);
         reference.push_back(
             bench.reference(source, kOneGiB, "ref-" + std::to_string(round) + ".bin"));
       }
@@ -264,7 +249,7 @@ int main() {
       int fd = ::open(source.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
       bool made = fd >= 0 && ::ftruncate(fd, static_cast<off_t>(kFourGiB)) == 0;
       if (fd >= 0) ::close(fd);
-      stamp(source, 99);
+      hvfp::bench::stamp(source, 99);
       double peak = made ? bench.peakWhileCreating(source, kFourGiB) : -1;
       if (peak < 0)
         std::printf("upload_4g: failed\n");
