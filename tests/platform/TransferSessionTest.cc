@@ -221,8 +221,9 @@ TEST(TransferDownload, DeliversExactBytesWithTheirDigest) {
     size_t size;
     bool sha1 = true, moveAway = false;  // the delegate keeps the file
   };
-  for (Case c :
-       {Case{0}, Case{1}, Case{100000}, Case{3 * 1024 * 1024 + 7}, Case{2000000, false, true}}) {
+  // Bodies are written in 1 MiB blocks: sizes around and on a block's end.
+  for (Case c : {Case{0}, Case{1}, Case{100000}, Case{2 << 20}, Case{3 * 1024 * 1024 + 7},
+                 Case{2000000, false, true}}) {
     SCOPED_TRACE(c.size);
     TempDir kept;
     Harness h;

@@ -4,7 +4,6 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <openssl/evp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include <unordered_map>
 
 #include "platform/ThreadAnnotations.h"
+#include "platform/http/DownloadFile.h"
 #include "platform/http/URLError.h"
 
 namespace hvfp::detail {
@@ -26,16 +26,6 @@ namespace {
 constexpr long kBufferSize = 256 * 1024;
 constexpr long kMaxRedirects = 16;
 constexpr int kIdlePollMs = 1000;
-
-std::string lowerHex(const unsigned char* bytes, size_t count) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text(count * 2, '0');
-  for (size_t i = 0; i < count; ++i) {
-    text[2 * i] = kDigits[bytes[i] >> 4];
-    text[2 * i + 1] = kDigits[bytes[i] & 0xf];
-  }
-  return text;
-}
 
 std::string_view trim(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
@@ -55,17 +45,6 @@ int64_t announcedLength(const HeaderFields& headers) {
     length = length * 10 + (c - '0');
   }
   return length;
-}
-
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
 }
 
 int64_t codeFor(CURLcode rc) {
@@ -115,9 +94,8 @@ struct Transfer {
   CURL* easy = nullptr;
   curl_slist* headers = nullptr;
   char errorText[CURL_ERROR_SIZE] = {};
-  int fd = -1;  // download: the file written; upload: the body's file
-  std::filesystem::path location;
-  EVP_MD_CTX* sha1 = nullptr;
+  int fd = -1;                             // upload: the body's file
+  std::unique_ptr<DownloadFile> download;  // download: where the body goes
 
   long headStatus = 0;  // of the response head being read
   HeaderFields headHeaders;
@@ -139,7 +117,6 @@ struct Transfer {
     if (headers) curl_slist_free_all(headers);
     if (easy) curl_easy_cleanup(easy);
     if (fd >= 0) ::close(fd);
-    if (sha1) EVP_MD_CTX_free(sha1);
   }
 };
 
@@ -194,13 +171,10 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     t->received += static_cast<int64_t>(n);
     return n;
   }
-  if (!writeAll(t->fd, data, n)) {
-    t->failure =
-        urlError(URLErrorCode::CannotWriteToFile,
-                 "cannot write the download file: " + std::string(strerror(errno)), t->url());
+  if (!t->download->append(data, n)) {
+    t->failure = urlError(URLErrorCode::CannotWriteToFile, t->download->failure(), t->url());
     return 0;
   }
-  if (t->sha1) EVP_DigestUpdate(t->sha1, data, n);
   long status = t->response ? t->response->statusCode : 0;
   if ((status < 200 || status > 299) && t->body.size() < kMaxReplyBody)
     t->body.append(data, std::min(n, kMaxReplyBody - t->body.size()));
@@ -437,33 +411,15 @@ class Engine {
             spec.request.url);
       return std::nullopt;
     }
-    std::string pattern = (spec.temporaryDirectory / "transfer-XXXXXX").string();
-    t.fd = ::mkostemp(pattern.data(), O_CLOEXEC);
-    if (t.fd < 0)
-      return urlError(URLErrorCode::CannotCreateFile,
-                      "cannot create a download file in " + spec.temporaryDirectory.string() +
-                          ": " + strerror(errno),
-                      spec.request.url);
-    t.location = pattern;
-    if (spec.download.computeSHA1) {
-      t.sha1 = EVP_MD_CTX_new();
-      if (!t.sha1 || EVP_DigestInit_ex(t.sha1, EVP_sha1(), nullptr) != 1)
-        return urlError(URLErrorCode::Unknown, "cannot start a SHA-1 digest", spec.request.url);
-    }
+    auto file = DownloadFile::create(spec.temporaryDirectory, spec.download.computeSHA1);
+    if (!file)
+      return urlError(URLErrorCode::CannotCreateFile, file.failure().message, spec.request.url);
+    t.download = std::move(*file);
     return std::nullopt;
   }
 
-  static void discardFile(Transfer& t) {
-    if (t.fd >= 0 && t.isDownload()) {
-      ::close(t.fd);
-      t.fd = -1;
-    }
-    if (!t.location.empty()) {
-      std::error_code ignored;
-      std::filesystem::remove(t.location, ignored);
-      t.location.clear();
-    }
-  }
+  // A download's file goes with the transfer that failed.
+  static void discardFile(Transfer& t) { t.download.reset(); }
 
   static int onCloseSocket(void* user, curl_socket_t fd) {
     static_cast<Engine*>(user)->connectionClosing(fd);
@@ -554,15 +510,12 @@ class Engine {
     if (outcome.completion.error) {
       discardFile(*t);
     } else if (t->isDownload()) {
-      ::close(t->fd);
-      t->fd = -1;
-      outcome.location = std::move(t->location);
-      t->location.clear();
-      if (t->sha1) {
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        unsigned int length = 0;
-        EVP_DigestFinal_ex(t->sha1, digest, &length);
-        outcome.sha1 = lowerHex(digest, length);
+      if (auto finished = t->download->finish(); !finished) {
+        outcome.completion.error =
+            urlError(URLErrorCode::CannotWriteToFile, finished.failure().message, t->url());
+      } else {
+        outcome.location = t->download->location();
+        if (t->spec->download.computeSHA1) outcome.sha1 = std::move(*finished);
       }
     }
     t->observer->transferDidComplete(std::move(outcome));

@@ -128,20 +128,34 @@ void TransferTask::queueProgress() {
       [self = shared_from_this()] { self->deliverProgress(self->session_->delegate().get()); });
 }
 
+// Waking the delegate queue for every chunk the connection hands over costs
+// more than the chunk itself on a fast link; a report every megabyte, or
+// every tenth of a second on a slow one, is as good to a progress bar.
+bool TransferTask::progressDue(int64_t total) {
+  constexpr int64_t kStepBytes = 1 << 20;
+  constexpr auto kStepTime = std::chrono::milliseconds(100);
+  auto now = std::chrono::steady_clock::now();
+  if (total - lastNoticed_.bytes < kStepBytes && now - lastNoticed_.at < kStepTime) return false;
+  lastNoticed_ = {total, now};
+  return true;
+}
+
 void TransferTask::transferDidReceiveBytes(int64_t totalReceived) {
+  bool due = progressDue(totalReceived);
   {
     MutexLock lock(mutex_);
     received_ = totalReceived;
-    if (std::exchange(progressQueued_, true)) return;
+    if (!due || std::exchange(progressQueued_, true)) return;
   }
   queueProgress();
 }
 
 void TransferTask::transferDidSendBytes(int64_t totalSent) {
+  bool due = progressDue(totalSent);
   {
     MutexLock lock(mutex_);
     sent_ = totalSent;
-    if (std::exchange(progressQueued_, true)) return;
+    if (!due || std::exchange(progressQueued_, true)) return;
   }
   queueProgress();
 }

@@ -23,6 +23,7 @@
 // whose connection cache keeps connections alive across sessions.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -113,6 +114,8 @@ class TransferTask : public std::enable_shared_from_this<TransferTask>,
   void deliverCompletion(detail::TransferOutcome& outcome);
 
   void send(detail::TransferCommand command);
+  // Engine thread: whether `total` bytes is worth a report to the delegate.
+  bool progressDue(int64_t total);
   void queueProgress();
 
   const std::shared_ptr<TransferSession> session_;
@@ -132,6 +135,11 @@ class TransferTask : public std::enable_shared_from_this<TransferTask>,
   // slow queue costs no memory whatever the transfer's size.
   bool progressQueued_ GUARDED_BY(mutex_) = false;
   int64_t progressReported_ GUARDED_BY(mutex_) = 0;
+  // Engine thread only: the count last found due for a report, and when.
+  struct {
+    int64_t bytes = 0;
+    std::chrono::steady_clock::time_point at{};
+  } lastNoticed_;
 };
 
 class TransferSession : public std::enable_shared_from_this<TransferSession> {
