@@ -8,9 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 
 #include "platform/Log.h"
 
@@ -21,6 +25,14 @@ namespace {
 
 // Fallback only: what goes stale is also told to the kernel at once.
 constexpr double kTimeout = 1.0;
+
+// The largest request: libfuse splices a read's reply only when it fits a
+// pipe with its header and a page to spare, and a pipe holds at most 1 MiB
+// (pipe-max-size); a larger reply is copied through a buffer instead.
+constexpr unsigned kMaxRequest = (1u << 20) - (16u << 10);
+// Readahead the mount asks for: the kernel's default of 128 KiB costs a
+// round trip through the daemon per 128 KiB read.
+constexpr const char* kReadaheadKiB = "1024";
 
 FuseAdapter& self(fuse_req_t req) { return *static_cast<FuseAdapter*>(fuse_req_userdata(req)); }
 Folder& folderOf(fuse_req_t req) { return self(req).folder(); }
@@ -76,9 +88,12 @@ void opInit(void*, fuse_conn_info* conn) {
   if (conn->capable & FUSE_CAP_SPLICE_READ) conn->want |= FUSE_CAP_SPLICE_READ;
   if (conn->capable & FUSE_CAP_ATOMIC_O_TRUNC) conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
   conn->want &= ~FUSE_CAP_WRITEBACK_CACHE;
+  // libfuse derives the largest read (max_pages) from max_write.
+  conn->max_write = std::min(conn->max_write, kMaxRequest);
 }
 
 void opLookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  self(req).widenReadahead();
   auto found = folderOf(req).lookup(parent, name);
   if (!found) return replyError(req, found.failure());
   fuse_entry_param e = entryOf(req, *found);
@@ -306,6 +321,27 @@ const fuse_lowlevel_ops& operations() {
   return ops;
 }
 
+// "major:minor" of the file system mounted at `dir`, from mountinfo, which
+// unlike stat(2) asks nothing of the mount itself (not served yet).
+std::string deviceMountedAt(const std::string& dir) {
+  std::string escaped;
+  for (char c : dir) {
+    if (c == ' ' || c == '\t' || c == '\n' || c == '\\')
+      escaped += fmt::format("\\{:03o}", static_cast<unsigned char>(c));
+    else
+      escaped += c;
+  }
+  std::ifstream in("/proc/self/mountinfo");
+  std::string device;
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream fields(line);
+    std::string id, parent, majorMinor, root, point;
+    if (fields >> id >> parent >> majorMinor >> root >> point && point == escaped)
+      device = majorMinor;  // the last one mounted there is ours
+  }
+  return device;
+}
+
 bool detach(const std::string& dir) {
   if (::umount2(dir.c_str(), MNT_DETACH) == 0) return true;
   // Not root: the setuid helper may.
@@ -347,7 +383,24 @@ Result<void> FuseAdapter::mount(const std::string& dir) {
     return fail("cannot mount on " + dir + " (see the log)");
   mountpoint_ = dir;
   mounted_ = true;
+  // Resolved through its parent: the mount point itself cannot answer yet.
+  std::error_code ec;
+  auto absolute = std::filesystem::absolute(dir, ec).lexically_normal();
+  if (!absolute.has_filename()) absolute = absolute.parent_path();
+  auto parent = std::filesystem::canonical(absolute.parent_path(), ec);
+  std::string device = ec ? "" : deviceMountedAt(parent / absolute.filename());
+  if (!device.empty()) readaheadKnob_ = "/sys/class/bdi/" + device + "/read_ahead_kb";
   return {};
+}
+
+void FuseAdapter::widenReadahead() {
+  std::call_once(readaheadWidened_, [this] {
+    if (readaheadKnob_.empty()) return;
+    // Writable by root only; anyone else keeps the kernel's default.
+    std::ofstream knob(readaheadKnob_);
+    if (!(knob << kReadaheadKiB << std::flush))
+      log("driver: readahead stays at the kernel's default ({} is not writable)", readaheadKnob_);
+  });
 }
 
 int FuseAdapter::serve(Folder& folder, bool signals) {

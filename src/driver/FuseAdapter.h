@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -62,6 +63,10 @@ class FuseAdapter final : public Invalidator {
   Folder& folder() { return *folder_; }
   uint32_t uid() const { return uid_; }
   uint32_t gid() const { return gid_; }
+  // Once the kernel has taken the session's settings (any request after
+  // the first proves it has): lets sequential reads ask for a whole megabyte
+  // at a time. Any thread; the first call does the work.
+  void widenReadahead();
   // Open folders belong to the adapter until released.
   void keepDir(std::unique_ptr<DirHandle> handle) EXCLUDES(mutex_);
   void dropDir(DirHandle* handle) EXCLUDES(mutex_);
@@ -72,6 +77,8 @@ class FuseAdapter final : public Invalidator {
   fuse_session* session_ = nullptr;
   std::string mountpoint_;
   bool mounted_ = false;
+  std::string readaheadKnob_;  // the mount's read_ahead_kb in sysfs, when found
+  std::once_flag readaheadWidened_;
   Folder* folder_ = nullptr;
   uint32_t uid_;
   uint32_t gid_;
