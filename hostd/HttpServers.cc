@@ -87,6 +87,11 @@ Listener::Listener() : server_(std::make_unique<httplib::Server>()) {
   // a larger pool built here from its header mixed up requests between
   // workers (the packaged library is compiled separately from that header).
   server_->set_tcp_nodelay(true);
+  // Each idle kept-alive connection holds one of the library's few workers
+  // (one per core, at least 8); a client with more threads than that, each
+  // keeping its own connection, would otherwise wait the library's default
+  // of 5 s for one to be let go.
+  server_->set_keep_alive_timeout(1);
 }
 
 Listener::~Listener() { stop(); }

@@ -199,7 +199,9 @@ struct Replica::Node {
 };
 
 Replica::Replica(NSFileProviderReplicatedExtension& extension, Invalidator& invalidator)
-    : extension_(extension), invalidator_(invalidator) {
+    : extension_(extension),
+      invalidator_(invalidator),
+      listAhead_([this](Ino folder) { (void)fill(folder, false); }) {
   MutexLock lock(mutex_);
   for (auto [ino, id] : {std::pair{kRootIno, &kRootId}, std::pair{kTrashIno, &kTrashId}}) {
     auto node = std::make_unique<Node>();
@@ -534,9 +536,16 @@ Result<std::vector<Child>> Replica::children(Ino folder) {
   Node* node = get(folder);
   if (!node || !node->contents) return errnoFailure(ENOENT);
   std::vector<Child> out;
+  std::vector<Ino> unlisted;
   out.reserve(node->contents->children.size());
-  for (auto& [name, ino] : node->contents->children)
-    if (Node* child = get(ino)) out.push_back(Child{child->name, attributesOf(ino, *child)});
+  for (auto& [name, ino] : node->contents->children) {
+    Node* child = get(ino);
+    if (!child) continue;
+    out.push_back(Child{child->name, attributesOf(ino, *child)});
+    if (child->contents && !child->contents->filled && ino != kTrashIno) unlisted.push_back(ino);
+  }
+  lock.unlock();
+  listAhead_.want(unlisted);
   return out;
 }
 

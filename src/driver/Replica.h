@@ -35,6 +35,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "driver/ListAhead.h"
 #include "platform/Result.h"
 #include "platform/ThreadAnnotations.h"
 #include "platform/fileprovider/FileProvider.h"
@@ -130,7 +131,8 @@ class Replica {
   void countLookup(Ino ino) EXCLUDES(mutex_);
   void forget(Ino ino, uint64_t count) EXCLUDES(mutex_);
   // A folder's children, listing it first when it never was. The trash is
-  // listed afresh each time: its change report is always empty.
+  // listed afresh each time: its change report is always empty. The
+  // subfolders shown are listed ahead, in the background.
   Result<std::vector<Child>> children(Ino folder) EXCLUDES(mutex_);
 
   // --- the folder's operations ------------------------------------------
@@ -209,6 +211,8 @@ class Replica {
   std::string workingSetAnchor_ GUARDED_BY(mutex_);
   bool workingSetBusy_ GUARDED_BY(mutex_) = false;
   std::unordered_set<std::string> deletedForGood_ GUARDED_BY(mutex_);
+  // Last: its threads fill folders here, so it goes first.
+  ListAhead listAhead_;
 };
 
 }  // namespace hvfp::driver

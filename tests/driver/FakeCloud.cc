@@ -21,6 +21,7 @@ class FakeEnumerator final : public NSFileProviderEnumerator {
   void invalidate() override {}
   void enumerateItemsForObserver(NSFileProviderEnumerationObserver& observer,
                                  const std::string&) override {
+    cloud_.countListing(container_);
     observer.didEnumerateItems(cloud_.listing(container_));
     observer.finishEnumeratingUpToPage(std::nullopt);
   }
@@ -187,6 +188,16 @@ std::vector<std::string> FakeCloud::calls() {
 int FakeCloud::fetchesOf(const std::string& id) {
   std::lock_guard lock(mutex_);
   return fetches_[id];
+}
+
+int FakeCloud::listingsOf(const std::string& container) {
+  std::lock_guard lock(mutex_);
+  return listings_[container];
+}
+
+void FakeCloud::countListing(const std::string& container) {
+  std::lock_guard lock(mutex_);
+  ++listings_[container];
 }
 
 void FakeCloud::holdFetches(bool hold) {

@@ -70,6 +70,9 @@ class FakeCloud final : public NSFileProviderReplicatedExtension {
   // "modify ID contents", "modify ID filename", "modify ID parent", "delete ID".
   std::vector<std::string> calls();
   int fetchesOf(const std::string& id);
+  // Full listings of a container (change reports not counted).
+  int listingsOf(const std::string& container);
+  void countListing(const std::string& container);
   // The next `n` creations and content modifications fail with 5120
   // (error 40309, "no room", as the provider reports a host's refusal).
   void failUploads(int n) { failUploads_ = n; }
@@ -129,6 +132,7 @@ class FakeCloud final : public NSFileProviderReplicatedExtension {
   std::map<std::string, bool> trashMarks_;  // trashed through the protocol
   std::vector<std::string> calls_;
   std::map<std::string, int> fetches_;
+  std::map<std::string, int> listings_;
   uint64_t change_ = 1;
   uint64_t nextId_ = 1;
   std::atomic<int> failUploads_{0};

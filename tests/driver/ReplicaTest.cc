@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 #include <mutex>
+#include <thread>
 
 #include "driver/FakeCloud.h"
 #include "driver/Replica.h"
@@ -104,6 +105,18 @@ TEST_F(ReplicaTest, HostNamesBecomeLinuxNamesAndEveryChildStaysReachable) {
   EXPECT_EQ(names(at("Docs/A")), expected);
   for (auto& [shown, id] : idByShown) EXPECT_EQ(idOf(at("Docs/A/" + shown)), id) << shown;
   EXPECT_EQ(names(kRootIno), (Names{".Trash", "Docs"}));
+}
+
+TEST_F(ReplicaTest, SubfoldersShownAreListedAheadOnce) {
+  EXPECT_EQ(names(at("Docs")), (Names{"A", "B"}));
+  // Nobody looked into A or B; both are listed in the background, once.
+  auto listed = [&] { return cloud.listingsOf(a) == 1 && cloud.listingsOf(b) == 1; };
+  for (int i = 0; i < 3000 && !listed(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(listed());
+  cloud.remoteAddFolder(a, "inner");
+  EXPECT_EQ(names(at("Docs/A")), Names{}) << "what was listed ahead is what the folder shows";
+  EXPECT_EQ(cloud.listingsOf(a), 1);
 }
 
 TEST_F(ReplicaTest, CollidingNamesKeepTheirNamesWhateverTheListingOrder) {
