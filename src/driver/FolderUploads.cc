@@ -222,7 +222,7 @@ void Folder::attemptRecovered(Ino ino, Uploads::Done done) {
 void Folder::attemptUpload(Ino ino, Uploads::Done done) {
   if (ino > kRecoveredBase) return attemptRecovered(ino, std::move(done));
   auto sealed = working_.pending(ino);
-  if (!sealed) return done(0, {});
+  if (!sealed) return done(Uploads::kNothingLeft, {});
   auto info = replica_.info(ino);
   if (!info || info->parent == 0 || info->parent == kTrashIno) {
     // Writes to a file that was removed meanwhile go with it.

@@ -132,6 +132,7 @@ void Uploads::run() {
       continue;
     }
     jobs_[start].running = true;
+    jobs_[start].started = jobs_[start].wanted;
     lock.unlock();
     attempt_(start, [this, start, gate = gate_](uint64_t generation, Result<void> outcome) {
       gate->pass([&] { finished(start, generation, outcome); });
@@ -144,6 +145,7 @@ void Uploads::finished(Ino ino, uint64_t generation, const Result<void>& outcome
   MutexLock lock(mutex_);
   Job& job = jobs_[ino];
   job.running = false;
+  if (generation == kNothingLeft) generation = job.started;
   if (outcome) {
     job.sent = std::max(job.sent, generation);
     job.failures = 0;

@@ -7,7 +7,10 @@
 // The attempt itself is its maker's: it sends the inode's newest sealed
 // state and calls `done` exactly once, from any thread, with the generation
 // it carried and whether the cloud took it (or why not, which is kept for
-// status reports until an attempt succeeds).
+// status reports until an attempt succeeds). An attempt that finds nothing
+// of the inode left to send (it was removed while its last close was on
+// the way) reports kNothingLeft: what was scheduled before it started is
+// done, what was scheduled since still goes.
 //
 // Ownership: owns its worker thread; the attempt function must outlive it.
 // An answer that comes after the queue is gone is dropped.
@@ -70,6 +73,8 @@ class Uploads {
   // Every inode with an upload running or due, by inode.
   std::vector<Waiting> waiting() EXCLUDES(mutex_);
 
+  static constexpr uint64_t kNothingLeft = UINT64_MAX;
+
   static std::chrono::milliseconds pauseAfter(int failures);
   // How long a newly sealed file rests before its first attempt, unless
   // someone waits for it.
@@ -80,6 +85,7 @@ class Uploads {
     uint64_t wanted = 0;    // newest generation sealed
     uint64_t sent = 0;      // newest generation the cloud took
     uint64_t failedAt = 0;  // newest generation an attempt failed with
+    uint64_t started = 0;   // `wanted` when the running attempt started
     bool running = false;
     int failures = 0;
     std::chrono::steady_clock::time_point due{};

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -162,6 +163,24 @@ class Remount : public ::testing::Test {
   std::unique_ptr<Folder> folder;
   std::string docs;
 };
+
+// A file removed while its last close was on its way leaves a scheduled
+// generation the working copies no longer hold.
+TEST(UploadQueue, AnAttemptFindingNothingLeftEndsWhatWasDueButNotWhatCameSince) {
+  std::atomic<int> attempts{0};
+  Uploads* queue = nullptr;
+  Uploads uploads([&](Ino ino, Uploads::Done done) {
+    if (++attempts == 1) {
+      queue->schedule(ino, 9);  // sealed again while this attempt runs
+      return done(Uploads::kNothingLeft, {});
+    }
+    done(9, {});
+  });
+  queue = &uploads;
+  uploads.schedule(7, 5);
+  EXPECT_TRUE(uploads.drain(std::chrono::seconds(5)));
+  EXPECT_EQ(attempts, 2);
+}
 
 TEST_F(Remount, WhatAFolderCouldNotSendTheNextOneSendsOrKeepsBesideTheOtherChange) {
   struct Case {
