@@ -12,7 +12,9 @@
 //   fuse_write        cp of a 1 GiB file into the mount and sync of it
 //                     (fsync: returns once the upload reported) over the
 //                     framework's creation call with the same file, made
-//                     here in process, until its handler reports
+//                     here in process, until its handler reports; each side
+//                     starts from a synced disk and, as root, a dropped page
+//                     cache
 //   fuse_ls_100k      the mount process's resident memory once a 100,000-entry
 //                     folder was listed, over the size of that listing's reply
 //
@@ -61,7 +63,7 @@ namespace {
 
 constexpr uint64_t kOneGiB = uint64_t{1} << 30;
 constexpr int kColdRounds = 5;
-constexpr int kWriteRounds = 3;
+constexpr int kWriteRounds = 5;
 constexpr int kRounds = 5;
 
 fs::path gWork;  // removed on every way out
@@ -291,17 +293,31 @@ double createInProcess(FileProviderExtension& extension, HalvoProviderClient& cl
   item.parentIdentifier = std::to_string(mount);
   item.name = name;
   item.size = kOneGiB;
-  std::promise<bool> done;
+  std::promise<std::string> done;
   double s = seconds([&] {
     extension.createItemBasedOnTemplate(
         item, 0, source.string(), 0, {},
         [&](NSFileProviderItemRef reported, uint64_t, bool, std::optional<Error> error) {
-          done.set_value(reported && !error);
+          done.set_value(error        ? "error " + std::to_string(error->code)
+                         : !reported ? "no item"
+                                     : "");
         });
-    if (!done.get_future().get()) die("the creation in process failed");
+    if (auto failed = done.get_future().get(); !failed.empty())
+      die("the creation in process failed (" + failed + ")");
   });
   client.mUploadQueue()->waitUntilAllOperationsAreFinished();
   return s;
+}
+
+// Each side of a write round starts from the same state: nothing of the
+// other's left to write back (a close that makes its file durable would wait
+// for it), no page cache filled by earlier rounds (the host keeps every
+// gigabyte either side sent, and reclaiming it would fall on whichever side
+// allocates more), and the source file read into the cache. Dropping the
+// cache needs root; without it the rounds only sync.
+void settle(const fs::path& source) {
+  sh("sync; (echo 1 > /proc/sys/vm/drop_caches) 2>/dev/null; cat " + source.string() +
+     " > /dev/null");
 }
 
 void writes(hostd::Host& host, int64_t mount) {
@@ -316,6 +332,7 @@ void writes(hostd::Host& host, int64_t mount) {
     const std::string name = "w" + std::to_string(round) + ".bin";
     const fs::path target = mounted.dir() / "Bench" / name;
     bench::stamp(source, 2 * round);
+    settle(source);
     double copied = 0;
     ours.push_back(seconds([&] {
       copied = seconds([&] { sh("cp " + source.string() + " " + target.string()); });
@@ -323,6 +340,7 @@ void writes(hostd::Host& host, int64_t mount) {
     }));
     std::fprintf(stderr, "fuse_write: cp took %.3f s of it\n", copied);
     bench::stamp(source, 2 * round + 1);
+    settle(source);
     theirs.push_back(createInProcess(extension, client, mount, source, "r" + name));
     detail("fuse_write", ours.back(), theirs.back());
     // What both sides made goes, so the disk holds at most a few copies.

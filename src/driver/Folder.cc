@@ -248,17 +248,19 @@ Result<Opened> Folder::open(Ino ino, int flags) {
         info->record.modified);
     if (!fd) return fd.failure();
     replica_.pin(ino, true);
-    return track(OpenFile{ino, *fd, true, {}, {}, {}}, std::nullopt);
+    return track(OpenFile{ino, *fd, true, {}, {}, {}}, std::nullopt,
+                 (flags & O_ACCMODE) == O_WRONLY);
   }
   if (auto path = working_.newest(ino)) {
     int fd = ::open(path->c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) return track(OpenFile{ino, fd, false, *path, {}, {}}, std::nullopt);
+    if (fd >= 0) return track(OpenFile{ino, fd, false, *path, {}, {}}, std::nullopt, false);
   }
   auto copy = readCloudCopy(ino, *info, true);
   if (!copy) return copy.failure();
   auto now = replica_.info(ino);
   return track(OpenFile{ino, copy->fd, false, {}, copy->file, {}},
-               now && now->record.version ? now->record.version->contentVersion : std::string());
+               now && now->record.version ? now->record.version->contentVersion : std::string(),
+               false);
 }
 
 int Folder::readable(OpenFile& file) {
@@ -290,10 +292,15 @@ void Folder::written(OpenFile& file, uint64_t offset, uint64_t length) {
                     SYNC_FILE_RANGE_WRITE);
 }
 
-Opened Folder::track(OpenFile file, const std::optional<std::string>& version) {
+Opened Folder::track(OpenFile file, const std::optional<std::string>& version,
+                     bool writeOnly) {
   auto owned = std::make_unique<OpenFile>(file);
   OpenFile* handle = owned.get();
   MutexLock lock(mutex_);
+  Handles& handles = handles_[file.ino];
+  handle->direct = handles.direct > 0 || (writeOnly && handles.open == 0);
+  ++handles.open;
+  if (handle->direct) ++handles.direct;
   files_.emplace(handle, std::move(owned));
   bool keep = false;
   if (version) {
@@ -314,6 +321,9 @@ void Folder::release(OpenFile* handle) {
     if (it == files_.end()) return;
     file = std::move(it->second);
     files_.erase(it);
+    Handles& handles = handles_[file->ino];
+    if (file->direct) --handles.direct;
+    if (--handles.open == 0) handles_.erase(file->ino);
   }
   ::close(file->fd);
   for (int fd : file->retired) ::close(fd);
@@ -373,7 +383,9 @@ Result<Created> Folder::create(Ino parent, std::string_view name, int flags) {
     return fd.failure();
   }
   return Created{withLocalContents(*added),
-                 track(OpenFile{added->ino, *fd, true, {}, {}, {}}, std::nullopt).file};
+                 track(OpenFile{added->ino, *fd, true, {}, {}, {}}, std::nullopt,
+                       (flags & O_ACCMODE) == O_WRONLY)
+                     .file};
 }
 
 Result<Attributes> Folder::mkdir(Ino parent, std::string_view name) {

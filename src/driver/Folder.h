@@ -88,6 +88,8 @@ struct OpenFile {
   std::string local;         // the local file a reader's fd is on, if any
   std::string copy;          // the cached copy a reader holds, if any
   std::vector<int> retired;  // earlier fds of a reader, closed at release
+  // Reads and writes bypass the kernel's page cache (see track()).
+  bool direct = false;
 };
 
 // Open files belong to the folder until released; one still open when the
@@ -152,7 +154,14 @@ class Folder {
  private:
   // Registers an open file. `version`: the cloud contents it serves, kept in
   // the kernel's cache while unchanged; none: local contents, never kept.
-  Opened track(OpenFile file, const std::optional<std::string>& version) EXCLUDES(mutex_);
+  // Takes an open file into the folder's keeping. A write-only handle on a
+  // file nobody else has open bypasses the kernel's page cache: a copy into
+  // the folder then fills the working copy alone, not a second cached copy
+  // of it too. While such a handle is open, every other handle on the file
+  // bypasses the cache as well: kernels before 6.6 leave cached pages in
+  // place when a write goes around them, and a reader would see them stale.
+  Opened track(OpenFile file, const std::optional<std::string>& version, bool writeOnly)
+      EXCLUDES(mutex_);
   Attributes withLocalContents(Attributes attributes);
   // Sets or (with none) drops the time shown for a folder in place of the cloud's.
   void setFolderTime(Ino ino, std::optional<Date> modified) EXCLUDES(mutex_);
@@ -235,6 +244,11 @@ class Folder {
   // The content version the kernel's page cache holds for each inode.
   std::unordered_map<Ino, std::string> cachedVersion_ GUARDED_BY(mutex_);
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> files_ GUARDED_BY(mutex_);
+  struct Handles {
+    int open = 0;
+    int direct = 0;
+  };
+  std::unordered_map<Ino, Handles> handles_ GUARDED_BY(mutex_);
   // Times programs set on folders (rsync, tar), which the cloud does not keep:
   // each stands until an entry of its folder changes here.
   std::unordered_map<Ino, Date> folderTimes_ GUARDED_BY(mutex_);

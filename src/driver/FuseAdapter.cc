@@ -183,6 +183,7 @@ void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   auto opened = folderOf(req).open(ino, fi->flags);
   if (!opened) return replyError(req, opened.failure());
   fi->keep_cache = opened->keepCache;
+  fi->direct_io = opened->file->direct;
   fi->fh = reinterpret_cast<uint64_t>(opened->file);
   if (fuse_reply_open(req, fi) != 0) folderOf(req).release(opened->file);
 }
@@ -299,6 +300,7 @@ void opCreate(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse_
   if (!made) return replyError(req, made.failure());
   fuse_entry_param e = entryOf(req, made->attributes);
   fi->fh = reinterpret_cast<uint64_t>(made->file);
+  fi->direct_io = made->file->direct;
   if (fuse_reply_create(req, &e, fi) != 0) folderOf(req).release(made->file);
 }
 

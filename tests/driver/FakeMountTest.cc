@@ -261,6 +261,11 @@ TEST_F(FakeMount, ProgramsWriteAsOnALocalDisk) {
       {"a reader sees what a writer wrote since it opened",
        "exec 5<Docs/two.txt 6>>Docs/two.txt; printf d >&6; cat <&5 > ../seen; exec 5<&- 6>&-",
        "two.txt", "abcd"},
+      {"a reader opened on a file being copied in sees each write",
+       "exec 7>Docs/copied.txt; printf ab >&7; exec 8<Docs/copied.txt; cat <&8 >/dev/null; "
+       "printf cd >&7; perl -e 'sysseek STDIN, 0, 0; sysread STDIN, $b, 9; print $b' <&8 "
+       "> ../copied-seen; exec 7>&- 8<&-",
+       "copied.txt", "abcd"},
       {"rename over a file not sent yet",
        "printf new > Docs/a.tmp && mv Docs/a.tmp Docs/sparse.bin", "sparse.bin", "new"},
   };
@@ -272,6 +277,7 @@ TEST_F(FakeMount, ProgramsWriteAsOnALocalDisk) {
     EXPECT_TRUE(readAll(at(std::string("Docs/") + step.file)) == step.bytes);
   }
   EXPECT_EQ(readAll(root / "seen"), "abcd");
+  EXPECT_EQ(readAll(root / "copied-seen"), "abcd");
   EXPECT_FALSE(inCloud("a.tmp"));
 }
 
