@@ -345,6 +345,9 @@ Result<void> Folder::flush(OpenFile& file) {
 }
 
 Result<void> Folder::fsync(OpenFile& file) {
+  // `cp f DIR && sync DIR/f`: the copy's release may still be on its way,
+  // and sealing around an open writer would copy the whole file.
+  if (!file.writer) working_.writersClosed(file.ino, std::chrono::milliseconds(200));
   auto sealed = working_.seal(file.ino);
   if (!sealed) return sealed.failure();
   if (!*sealed) return {};

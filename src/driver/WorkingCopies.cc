@@ -190,11 +190,22 @@ std::optional<Sealed> WorkingCopies::touched(Ino ino) {
   return Sealed{generation, local->path};
 }
 
+bool WorkingCopies::writersClosed(Ino ino, std::chrono::milliseconds bound) {
+  const auto until = std::chrono::steady_clock::now() + bound;
+  MutexLock lock(mutex_);
+  for (;;) {
+    auto it = locals_.find(ino);
+    if (it == locals_.end() || it->second.writers == 0) return true;
+    if (idle_.wait_until(lock, until) == std::cv_status::timeout) return false;
+  }
+}
+
 std::optional<Sealed> WorkingCopies::closeWriter(Ino ino) {
   MutexLock lock(mutex_);
   Local* local = idleLocal(ino, lock);
   if (!local || local->writers == 0) return std::nullopt;
   if (--local->writers > 0) return std::nullopt;
+  idle_.notify_all();
   if (local->dirty) {
     uint64_t generation = ++generations_;
     local->pathGeneration = generation;

@@ -16,6 +16,7 @@
 // other callers for the same inode wait.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -68,6 +69,10 @@ class WorkingCopies {
   // A writer left; when it was the last and the copy changed, the copy is
   // sealed and returned, for upload.
   std::optional<Sealed> closeWriter(Ino ino) EXCLUDES(mutex_);
+  // Waits up to `bound` for the inode's writers to close; true when none
+  // is open. A close reaches us before its release does, so an fsync that
+  // follows a close at once may otherwise find the writer still open.
+  bool writersClosed(Ino ino, std::chrono::milliseconds bound) EXCLUDES(mutex_);
   // A changed copy still open is snapshotted and the snapshot sealed; a
   // sealed state not yet uploaded is returned as it stands; none when the
   // cloud has it all.
