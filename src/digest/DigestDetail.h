@@ -1,6 +1,5 @@
 // Internals shared by the digest sources and their tests: the streaming SHA-1
-// loop over any read source, so that tests can make a source fail part-way, and
-// the hexadecimal formatting of digests.
+// loop over any read source, so that tests can make a source fail part-way.
 //
 // Not part of the subsystem's interface. Pure functions; any thread.
 #pragma once
@@ -21,8 +20,5 @@ using ReadBlock = std::function<ssize_t(char* buffer, size_t capacity)>;
 // SHA-1 over everything `read` yields, asking for `blockLength` bytes at a
 // time. A read failing with EINTR is retried; any other failure gives nullopt.
 std::optional<std::string> sha1OfReads(const ReadBlock& read, size_t blockLength);
-
-// Lowercase hexadecimal, two characters per byte, high nibble first.
-std::string lowerHex(const unsigned char* bytes, size_t count);
 
 }  // namespace hvfp::detail

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "digest/DigestDetail.h"
+#include "platform/Bytes.h"
 
 namespace hvfp {
 namespace {

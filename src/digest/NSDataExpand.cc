@@ -8,21 +8,9 @@
 #include <climits>
 
 #include "digest/DigestDetail.h"
+#include "platform/Bytes.h"
 
 namespace hvfp {
-namespace detail {
-
-std::string lowerHex(const unsigned char* bytes, size_t count) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text(count * 2, '\0');
-  for (size_t i = 0; i < count; ++i) {
-    text[2 * i] = kDigits[bytes[i] >> 4];
-    text[2 * i + 1] = kDigits[bytes[i] & 0x0F];
-  }
-  return text;
-}
-
-}  // namespace detail
 
 namespace {
 
@@ -38,7 +26,7 @@ std::string rawDigest(const EVP_MD* md, std::string_view bytes) {
 }
 
 std::string hexOf(const std::string& raw) {
-  return detail::lowerHex(reinterpret_cast<const unsigned char*>(raw.data()), raw.size());
+  return lowerHex(reinterpret_cast<const unsigned char*>(raw.data()), raw.size());
 }
 
 // Built on every call so any polynomial works without shared state.

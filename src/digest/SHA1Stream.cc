@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include "digest/DigestDetail.h"
+#include "platform/Bytes.h"
 
 namespace hvfp {
 
@@ -27,7 +28,7 @@ std::optional<std::string> SHA1Stream::finish() {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   if (EVP_DigestFinal_ex(context->ctx, md, &length) != 1) return std::nullopt;
-  return detail::lowerHex(md, length);
+  return lowerHex(md, length);
 }
 
 }  // namespace hvfp

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "digest/SHA1Stream.h"
+#include "platform/Bytes.h"
 
 namespace hvfp {
 namespace {
@@ -42,17 +43,6 @@ int openRetrying(const char* path, int flags, mode_t mode = 0) {
     fd = ::open(path, flags, mode);
   } while (fd < 0 && errno == EINTR);
   return fd;
-}
-
-bool writeAll(int fd, const char* bytes, size_t count) {
-  while (count > 0) {
-    ssize_t n = ::write(fd, bytes, count);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes += n;
-    count -= static_cast<size_t>(n);
-  }
-  return true;
 }
 
 // Copies and hashes until the end of `in`; nullopt on any failure or stop.

@@ -10,37 +10,14 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/Bytes.h"
+
 namespace hvfp::detail {
 
 struct DownloadFile::Digest {
   EVP_MD_CTX* context = EVP_MD_CTX_new();
   ~Digest() { EVP_MD_CTX_free(context); }
 };
-
-namespace {
-
-bool writeAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-std::string lowerHex(const unsigned char* bytes, size_t count) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text(count * 2, '0');
-  for (size_t i = 0; i < count; ++i) {
-    text[2 * i] = kDigits[bytes[i] >> 4];
-    text[2 * i + 1] = kDigits[bytes[i] & 0xf];
-  }
-  return text;
-}
-
-}  // namespace
 
 Result<std::unique_ptr<DownloadFile>> DownloadFile::create(const std::filesystem::path& directory,
                                                            bool computeSHA1) {
