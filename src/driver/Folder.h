@@ -200,8 +200,12 @@ class Folder {
   void send(const PendingUpload& upload, const std::string& file, bool check,
             const std::string& asIdentifier, std::function<void(Sent)> report);
   void uploadReported(Ino ino, uint64_t generation, const Sent& sent);
+  // The cloud's item of an upload that has one; none when it is gone.
+  Result<std::optional<ItemRecord>> currentItem(const PendingUpload& upload);
   Result<std::optional<ItemRecord>> lookupItem(const std::string& identifier);
-  Result<std::optional<ItemRecord>> childNamed(const std::string& folder, const std::string& name);
+  // The child of `folder` the predicate picks, from a full listing.
+  Result<std::optional<ItemRecord>> childWhere(
+      const std::string& folder, const std::function<bool(const ItemRecord&)>& pick);
   // Has the signal thread run the container's change report.
   void refresh(const std::string& container) EXCLUDES(mutex_);
   // Where an item named `name` in that folder is shown ("Docs/a.txt"); the

@@ -284,7 +284,10 @@ void Folder::send(const PendingUpload& upload, const std::string& file, bool che
   std::optional<ItemRecord> current;
   Outcome outcome = Outcome::Contents;
   if (existing || check) {
-    auto found = existing ? lookupItem(upload.identifier) : childNamed(upload.parent, upload.name);
+    auto found = existing ? currentItem(upload)
+                          : childWhere(upload.parent, [&](const ItemRecord& r) {
+                              return r.filename == upload.name;
+                            });
     if (!found) {
       log("driver: cannot see where {} goes in the cloud ({}); its upload waits", upload.name,
           found.failure().message);
@@ -354,6 +357,17 @@ void Folder::send(const PendingUpload& upload, const std::string& file, bool che
                          file, 0, {}, handler));
 }
 
+// A failed lookup is also all a host that did not answer gives, so the
+// item counts as gone only when its folder's listing agrees; contents sent
+// as a conflicted copy on a passing outage would leave the item unchanged
+// and a second file beside it.
+Result<std::optional<ItemRecord>> Folder::currentItem(const PendingUpload& upload) {
+  auto found = lookupItem(upload.identifier);
+  if (!found || *found || upload.parent.empty()) return found;
+  return childWhere(upload.parent,
+                    [&](const ItemRecord& r) { return r.identifier == upload.identifier; });
+}
+
 Result<std::optional<ItemRecord>> Folder::lookupItem(const std::string& identifier) {
   auto answer = std::make_shared<ItemAnswer>();
   extension_.itemForIdentifier(identifier, {},
@@ -377,8 +391,8 @@ Result<std::optional<ItemRecord>> Folder::lookupItem(const std::string& identifi
   return std::optional<ItemRecord>(ItemRecord::of(*answer->item));
 }
 
-Result<std::optional<ItemRecord>> Folder::childNamed(const std::string& folder,
-                                                     const std::string& name) {
+Result<std::optional<ItemRecord>> Folder::childWhere(
+    const std::string& folder, const std::function<bool(const ItemRecord&)>& pick) {
   Error error;
   auto enumerator = extension_.enumeratorForContainerItemIdentifier(folder, {}, &error);
   if (!enumerator) return errnoFailure(EIO, "the folder cannot be listed");
@@ -393,7 +407,7 @@ Result<std::optional<ItemRecord>> Folder::childNamed(const std::string& folder,
   enumerator->invalidate();
   if (listing.failed) return errnoFailure(EIO, "the folder cannot be listed");
   for (auto& record : listing.records)
-    if (record.filename == name) return std::optional<ItemRecord>(std::move(record));
+    if (pick(record)) return std::optional<ItemRecord>(std::move(record));
   return std::optional<ItemRecord>();
 }
 

@@ -278,7 +278,10 @@ NSFileProviderEnumeratorRef FakeCloud::enumeratorForContainerItemIdentifier(
 std::shared_ptr<Progress> FakeCloud::itemForIdentifier(const std::string& identifier,
                                                        const NSFileProviderRequest&,
                                                        NSFileProviderItemHandler handler) {
-  auto e = entry(identifier);
+  bool failing = false;
+  for (int n = failLookups_.load(); n > 0 && !failing;)
+    failing = failLookups_.compare_exchange_weak(n, n - 1);
+  auto e = failing ? std::nullopt : entry(identifier);
   if (e)
     handler(itemOf(*e), std::nullopt);
   else

@@ -76,6 +76,9 @@ class FakeCloud final : public NSFileProviderReplicatedExtension {
   // The next `n` creations and content modifications fail with 5120
   // (error 40309, "no room", as the provider reports a host's refusal).
   void failUploads(int n) { failUploads_ = n; }
+  // The next `n` lookups fail with 4610, as the provider reports a host
+  // that did not answer.
+  void failLookups(int n) { failLookups_ = n; }
   // Every upload of a file of this name fails so.
   void failUploadsOf(const std::string& name);
   // Fetches wait until released (to start several at once).
@@ -136,6 +139,7 @@ class FakeCloud final : public NSFileProviderReplicatedExtension {
   uint64_t change_ = 1;
   uint64_t nextId_ = 1;
   std::atomic<int> failUploads_{0};
+  std::atomic<int> failLookups_{0};
   std::vector<std::thread> threads_;
 };
 

@@ -107,8 +107,9 @@ TEST_F(FakeMount, ReadingServesTheCloudContentsFetchedOnceForConcurrentOpens) {
 }
 
 // An edit goes as a modification of the same item, fsync returns only once
-// the cloud has the contents, and a failed upload is sent again while the
-// folder shows the local contents.
+// the cloud has the contents, a failed upload is sent again while the
+// folder shows the local contents, and a lookup the host did not answer
+// does not make the item look gone.
 TEST_F(FakeMount, EditsFsyncAndFailedUploadsReachTheCloud) {
   ASSERT_EQ(run("echo '- call the bank' >> Docs/notes.md").rc, 0);
   ASSERT_TRUE(cloudHolds("notes.md", "# Notes\n- call the bank\n"));
@@ -126,6 +127,12 @@ TEST_F(FakeMount, EditsFsyncAndFailedUploadsReachTheCloud) {
   EXPECT_EQ(readAll(at("Docs/later.txt")), "retry me");
   EXPECT_EQ(fs::file_size(at("Docs/later.txt")), 8u);
   ASSERT_TRUE(cloudHolds("later.txt", "retry me"));
+
+  cloud->failLookups(1);
+  ASSERT_EQ(run("echo '- and the dentist' >> Docs/notes.md").rc, 0);
+  ASSERT_TRUE(cloudHolds("notes.md", "# Notes\n- call the bank\n- and the dentist\n"));
+  EXPECT_EQ(inCloud("notes.md")->id, notes);
+  for (auto& e : cloud->childrenOf(docs)) EXPECT_EQ(e.name.find("conflicted"), std::string::npos);
 }
 
 // Each step runs a command in the mount and checks the cloud afterwards.
