@@ -135,7 +135,10 @@ TEST(PlatformMainQueue, RunsInOrderOnOneThread) {
 }
 
 TEST(PlatformManager, OneManagerPerDomainAndItsTemporaryDirectory) {
-  auto dir = std::filesystem::path(::testing::TempDir()) / "cache-home";
+  namespace fs = std::filesystem;
+  auto dir = fs::path(::testing::TempDir()) / "cache-home";
+  fs::create_directories(dir / "halvofp");
+  fs::permissions(dir / "halvofp", fs::perms::all);  // as an older version left it
   setenv("XDG_CACHE_HOME", dir.c_str(), 1);
   auto a = NSFileProviderManager::managerForDomain({"d1", "One"});
   EXPECT_EQ(a, NSFileProviderManager::managerForDomain({"d1", "Other name"}));
@@ -145,6 +148,7 @@ TEST(PlatformManager, OneManagerPerDomainAndItsTemporaryDirectory) {
   ASSERT_TRUE(tmp);
   EXPECT_EQ(*tmp, (dir / "halvofp" / "d1" / "tmp").string());
   EXPECT_TRUE(std::filesystem::is_directory(*tmp));
+  EXPECT_EQ(fs::status(dir / "halvofp").permissions(), fs::perms::owner_all);
 
   std::vector<std::string> signalled;
   bool completed = false;

@@ -36,9 +36,15 @@ std::shared_ptr<NSFileProviderManager> NSFileProviderManager::managerForDomain(
 std::string NSFileProviderManager::domainsFolder() { return (cacheHome() / "halvofp").string(); }
 
 std::optional<std::string> NSFileProviderManager::temporaryDirectoryURLWithError(Error* error) {
-  std::filesystem::path dir = std::filesystem::path(domainsFolder()) / domain_.identifier / "tmp";
+  namespace fs = std::filesystem;
+  const fs::path domains = domainsFolder();
+  const fs::path dir = domains / domain_.identifier / "tmp";
   std::error_code ec;
-  std::filesystem::create_directories(dir, ec);
+  // Copies of the user's files live below: only the user may look in, also
+  // where an earlier version made the folder open to others.
+  fs::create_directories(domains, ec);
+  if (!ec) fs::permissions(domains, fs::perms::owner_all, fs::perm_options::replace, ec);
+  if (!ec) fs::create_directories(dir, ec);
   if (ec) {
     if (error)
       *error = Error{"NSCocoaErrorDomain", 513, {{"path", dir.string()}, {"reason", ec.message()}}};
