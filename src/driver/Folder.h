@@ -152,9 +152,9 @@ class Folder {
   Result<struct statvfs> statfs();
 
  private:
-  // Registers an open file. `version`: the cloud contents it serves, kept in
-  // the kernel's cache while unchanged; none: local contents, never kept.
-  // Takes an open file into the folder's keeping. A write-only handle on a
+  // Takes an open file into the folder's keeping. `version`: the cloud
+  // contents it serves, kept in the kernel's cache while unchanged; none:
+  // local contents, never kept. A write-only handle on a
   // file nobody else has open bypasses the kernel's page cache: a copy into
   // the folder then fills the working copy alone, not a second cached copy
   // of it too. While such a handle is open, every other handle on the file
