@@ -1,6 +1,7 @@
 #include "driver/Copies.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -131,6 +132,7 @@ Result<Copies::Opened> Copies::open(const std::string& identifier,
       if (auto f = files_.find(copy->path); hold && f != files_.end()) {
         ++f->second.opens;
         opened.file = copy->path;
+        opened.cached = f->second.counted;
       }
       return opened;
     }
@@ -144,6 +146,46 @@ void Copies::closed(const std::string& path) {
   auto f = files_.find(path);
   if (f == files_.end() || f->second.opens == 0) return;
   --f->second.opens;
+  evict();
+}
+
+std::optional<Copies::Lent> Copies::lend(const std::string& path) {
+  MutexLock lock(mutex_);
+  auto f = files_.find(path);
+  if (f == files_.end() || !f->second.counted || !f->second.checked || f->second.opens != 1 ||
+      f->second.keys.size() != 1 || busy_.count(path))
+    return std::nullopt;
+  Lent lent{folder_ + "/lent-" + std::to_string(++adopted_), path, *f->second.keys.begin(),
+            *f->second.checked};
+  lent.size = f->second.size;
+  if (::rename(path.c_str(), lent.path.c_str()) != 0) return std::nullopt;
+  forgetFile(path);
+  total_ += lent.size;
+  ++lent_;
+  return lent;
+}
+
+void Copies::keep(const Lent& lent) {
+  MutexLock lock(mutex_);
+  total_ -= lent.size;
+  --lent_;
+}
+
+void Copies::takeBack(const Lent& lent) {
+  MutexLock lock(mutex_);
+  total_ -= lent.size;
+  --lent_;
+  if (stampOf(lent.path) != lent.checked) {
+    ::unlink(lent.path.c_str());
+    return;
+  }
+  // Back where it was, so a later mount finds it too, unless the place
+  // was filled meanwhile.
+  std::string path = lent.path;
+  if (::renameat2(AT_FDCWD, lent.path.c_str(), AT_FDCWD, lent.from.c_str(), RENAME_NOREPLACE) == 0)
+    path = lent.from;
+  forgetKey(lent.key);
+  file(lent.key, path, lent.checked);
   evict();
 }
 
@@ -331,7 +373,7 @@ void Copies::adopt(const std::string& identifier, const NSFileProviderItemVersio
 
 Copies::Use Copies::use() {
   MutexLock lock(mutex_);
-  return Use{total_, limit_, byUse_.size()};
+  return Use{total_, limit_, byUse_.size() + lent_};
 }
 
 void Copies::file(const std::string& key, const std::string& path, std::optional<Stamp> checked) {

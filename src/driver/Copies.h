@@ -61,6 +61,9 @@ class Copies {
     std::optional<ItemRecord> fetched;
     // With `hold`: the copy held until closed(file).
     std::string file;
+    // The held file is one of the cache's own (not the host's): it may be
+    // given up.
+    bool cached = false;
   };
   struct Use {
     uint64_t bytes = 0;  // of the copies counted
@@ -85,13 +88,6 @@ class Copies {
                       const std::string& label = {}) EXCLUDES(mutex_);
   // An open made with `hold` was closed.
   void closed(const std::string& file) EXCLUDES(mutex_);
-  // The file at `path` holds the item's contents at `version`: it is moved
-  // into the copies folder (checked at first use).
-  void adopt(const std::string& identifier, const NSFileProviderItemVersion& version,
-             const std::string& path) EXCLUDES(mutex_);
-  Use use() EXCLUDES(mutex_);
-
- private:
   // What identifies a file as the one that was checked.
   struct Stamp {
     dev_t device = 0;
@@ -100,6 +96,30 @@ class Copies {
     int64_t modified = 0;  // ns
     bool operator==(const Stamp&) const = default;
   };
+  // A copy lent out whole: the holder is the only one who can reach it
+  // until it is taken back, and may change it or keep it.
+  struct Lent {
+    std::string path;  // where it lies now
+    std::string from;  // where it lay in the cache
+    std::string key;
+    Stamp checked;
+    uint64_t size = 0;  // counted against the limit while lent
+  };
+  // Lends the held copy at `path` when the caller's open is the only use
+  // of it and no other item shares it: it moves out of the cache's reach,
+  // uncounted, and closed() no longer applies to it.
+  std::optional<Lent> lend(const std::string& path) EXCLUDES(mutex_);
+  // A lent copy comes back as it was checked; one that changed is deleted.
+  void takeBack(const Lent& lent) EXCLUDES(mutex_);
+  // A lent copy stays with its holder for good: it stops counting.
+  void keep(const Lent& lent) EXCLUDES(mutex_);
+  // The file at `path` holds the item's contents at `version`: it is moved
+  // into the copies folder (checked at first use).
+  void adopt(const std::string& identifier, const NSFileProviderItemVersion& version,
+             const std::string& path) EXCLUDES(mutex_);
+  Use use() EXCLUDES(mutex_);
+
+ private:
   struct File {
     bool counted = false;  // in the cache folder: counted and evicted
     uint64_t size = 0;
@@ -165,6 +185,7 @@ class Copies {
   std::map<std::string, std::shared_ptr<Fetch>> fetches_ GUARDED_BY(mutex_);
   std::map<std::string, int> busy_ GUARDED_BY(mutex_);  // files being checked or handed out
   uint64_t total_ GUARDED_BY(mutex_) = 0;
+  size_t lent_ GUARDED_BY(mutex_) = 0;  // copies lent out, counted in total_
   uint64_t clock_ GUARDED_BY(mutex_) = 0;
 };
 

@@ -60,6 +60,11 @@ Folder::~Folder() {
     signalled_.notify_all();
     open.swap(files_);
   }
+  {
+    MutexLock lock(mutex_);
+    for (auto& [ino, handles] : handles_)
+      if (handles.shared > 0) ::close(handles.file.fd);
+  }
   // Writes to files still open are kept for the next mount.
   for (auto& [handle, file] : open) {
     if (file->writer && working_.unrecorded(file->ino)) (void)persist(file->ino);
@@ -162,6 +167,13 @@ Result<Attributes> Folder::setattr(Ino ino, std::optional<uint64_t> size,
 
 Result<void> Folder::rewrite(Ino ino, const NodeInfo& info, bool truncate,
                              const std::function<int(int fd)>& change) {
+  {
+    // A shared file changes in place, for its readers to see.
+    MutexLock lock(mutex_);
+    auto it = handles_.find(ino);
+    if (it != handles_.end() && it->second.shared > 0 && it->second.file.lent)
+      if (auto taken = takeOver(ino, it->second.file); !taken) return taken;
+  }
   auto fd = working_.openWriter(
       ino, truncate, false,
       [&]() -> Result<int> {
@@ -235,17 +247,30 @@ Result<Opened> Folder::open(Ino ino, int flags) {
   if (!info) return info.failure();
   if (info->record.folder) return errnoFailure(EISDIR);
   const bool writer = (flags & O_ACCMODE) != O_RDONLY;
-  if (writer) {
-    if (!(info->record.capabilities & Capability::Writing) || info->parent == kTrashIno)
-      return errnoFailure(EACCES);
+  if (writer &&
+      (!(info->record.capabilities & Capability::Writing) || info->parent == kTrashIno))
+    return errnoFailure(EACCES);
+  {
+    MutexLock lock(mutex_);
+    Handles& handles = handles_[ino];
+    if (handles.shared > 0) return openShared(ino, handles.file, *info, flags);
+    ++handles.opening;
+  }
+  auto opened = openOwn(ino, *info, flags);
+  if (!opened) abandonOpening(ino);
+  return opened;
+}
+
+Result<Opened> Folder::openOwn(Ino ino, const NodeInfo& info, int flags) {
+  if ((flags & O_ACCMODE) != O_RDONLY) {
     auto fd = working_.openWriter(
         ino, flags & O_TRUNC, flags & O_APPEND,
         [&]() -> Result<int> {
-          auto copy = readCloudCopy(ino, *info, false);
+          auto copy = readCloudCopy(ino, info, false);
           if (!copy) return copy.failure();
           return copy->fd;
         },
-        info->record.modified);
+        info.record.modified);
     if (!fd) return fd.failure();
     replica_.pin(ino, true);
     return track(OpenFile{ino, *fd, true, {}, {}, {}}, std::nullopt,
@@ -255,12 +280,103 @@ Result<Opened> Folder::open(Ino ino, int flags) {
     int fd = ::open(path->c_str(), O_RDONLY | O_CLOEXEC);
     if (fd >= 0) return track(OpenFile{ino, fd, false, *path, {}, {}}, std::nullopt, false);
   }
-  auto copy = readCloudCopy(ino, *info, true);
+  auto copy = readCloudCopy(ino, info, true);
   if (!copy) return copy.failure();
   auto now = replica_.info(ino);
   return track(OpenFile{ino, copy->fd, false, {}, copy->file, {}},
                now && now->record.version ? now->record.version->contentVersion : std::string(),
-               false);
+               false, copy->cached);
+}
+
+void Folder::abandonOpening(Ino ino) {
+  MutexLock lock(mutex_);
+  auto it = handles_.find(ino);
+  if (it == handles_.end()) return;
+  --it->second.opening;
+  if (it->second.open == 0 && it->second.opening == 0) handles_.erase(it);
+}
+
+Result<Opened> Folder::openShared(Ino ino, Shared& shared, const NodeInfo& info, int flags) {
+  const bool writer = (flags & O_ACCMODE) != O_RDONLY;
+  int fd = -1;
+  if (writer) {
+    if (shared.lent) {
+      auto taken = takeOver(ino, shared);
+      if (!taken) return taken.failure();
+    }
+    // The working copy is the shared file, pinned: this opens it again.
+    auto opened = working_.openWriter(
+        ino, flags & O_TRUNC, flags & O_APPEND,
+        []() -> Result<int> { return errnoFailure(EIO, "the shared file went"); },
+        info.record.modified);
+    if (!opened) return opened.failure();
+    fd = *opened;
+    // Writes go to the file without us: the close counts as a change.
+    working_.changed(ino);
+  } else {
+    fd = ::fcntl(shared.fd, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) return errnoFailure(errno);
+  }
+  auto owned = std::make_unique<OpenFile>(OpenFile{ino, fd, writer, {}, {}, {}});
+  owned->shared = true;
+  OpenFile* handle = owned.get();
+  files_.emplace(handle, std::move(owned));
+  Handles& handles = handles_[ino];
+  ++handles.open;
+  ++handles.shared;
+  return Opened{handle, false, shared.backing};
+}
+
+Result<void> Folder::takeOver(Ino ino, Shared& shared) {
+  auto path = working_.adopt(ino, shared.lent->path);
+  if (!path) return path.failure();
+  copies_.keep(*shared.lent);
+  shared.lent.reset();
+  // The kernel's pages of this inode, if any, are of the cloud's contents.
+  cachedVersion_.erase(ino);
+  replica_.pin(ino, true);
+  return {};
+}
+
+bool Folder::share(OpenFile& file, const std::string& version) {
+  if (!backings_ || file.copy.empty()) return false;
+  Shared shared;
+  shared.fd = ::open(file.copy.c_str(), O_RDWR | O_CLOEXEC);
+  if (shared.fd < 0) return false;
+  auto backing = backings_->open(shared.fd);
+  // Lent only to the one open that holds it: a copy other items share (the
+  // same contents) or other opens use is never written.
+  auto lent = backing ? copies_.lend(file.copy) : std::nullopt;
+  if (!lent) {
+    if (backing) backings_->close(*backing);
+    ::close(shared.fd);
+    return false;
+  }
+  shared.backing = *backing;
+  shared.version = version;
+  shared.lent = std::move(lent);
+  file.copy.clear();
+  file.shared = true;
+  Handles& handles = handles_[file.ino];
+  handles.shared = 1;
+  handles.file = std::move(shared);
+  return true;
+}
+
+void Folder::unshared(Ino ino, Shared shared) {
+  if (backings_) backings_->close(shared.backing);
+  ::close(shared.fd);
+  if (shared.lent) {
+    copies_.takeBack(*shared.lent);
+    return;
+  }
+  if (auto sealed = working_.unpin(ino)) {
+    (void)persist(ino);
+    uploads_.schedule(ino, sealed->generation);
+  } else if (!working_.newest(ino)) {
+    journal_.erase(ino);
+    replica_.pin(ino, false);
+  }
 }
 
 int Folder::readable(OpenFile& file) {
@@ -293,28 +409,38 @@ void Folder::written(OpenFile& file, uint64_t offset, uint64_t length) {
 }
 
 Opened Folder::track(OpenFile file, const std::optional<std::string>& version,
-                     bool writeOnly) {
-  auto owned = std::make_unique<OpenFile>(file);
-  OpenFile* handle = owned.get();
+                     bool writeOnly, bool shareable) {
   MutexLock lock(mutex_);
   Handles& handles = handles_[file.ino];
+  --handles.opening;
+  if (shareable && version && handles.open == 0 && handles.opening == 0 &&
+      share(file, *version)) {
+    auto owned = std::make_unique<OpenFile>(std::move(file));
+    OpenFile* handle = owned.get();
+    files_.emplace(handle, std::move(owned));
+    ++handles.open;
+    return Opened{handle, false, handles.file.backing};
+  }
+  auto owned = std::make_unique<OpenFile>(std::move(file));
+  OpenFile* handle = owned.get();
   handle->direct = handles.direct > 0 || (writeOnly && handles.open == 0);
   ++handles.open;
   if (handle->direct) ++handles.direct;
   files_.emplace(handle, std::move(owned));
   bool keep = false;
   if (version) {
-    auto cached = cachedVersion_.find(file.ino);
+    auto cached = cachedVersion_.find(handle->ino);
     keep = cached != cachedVersion_.end() && cached->second == *version;
-    cachedVersion_[file.ino] = *version;
+    cachedVersion_[handle->ino] = *version;
   } else {
-    cachedVersion_.erase(file.ino);
+    cachedVersion_.erase(handle->ino);
   }
   return Opened{handle, keep};
 }
 
 void Folder::release(OpenFile* handle) {
   std::unique_ptr<OpenFile> file;
+  std::optional<Shared> ended;
   {
     MutexLock lock(mutex_);
     auto it = files_.find(handle);
@@ -323,12 +449,16 @@ void Folder::release(OpenFile* handle) {
     files_.erase(it);
     Handles& handles = handles_[file->ino];
     if (file->direct) --handles.direct;
-    if (--handles.open == 0) handles_.erase(file->ino);
+    if (file->shared && --handles.shared == 0) ended = std::move(handles.file);
+    if (--handles.open == 0 && handles.opening == 0) handles_.erase(file->ino);
   }
   ::close(file->fd);
   for (int fd : file->retired) ::close(fd);
   if (!file->copy.empty()) copies_.closed(file->copy);
+  // First, so that a last writer's close below seals the file in place.
+  if (ended) unshared(file->ino, std::move(*ended));
   if (!file->writer) return;
+  if (file->shared) working_.changed(file->ino);
   auto sealed = working_.closeWriter(file->ino);
   if (working_.unrecorded(file->ino)) (void)persist(file->ino);
   if (sealed) {
@@ -340,6 +470,7 @@ void Folder::release(OpenFile* handle) {
 }
 
 Result<void> Folder::flush(OpenFile& file) {
+  if (file.writer && file.shared) working_.changed(file.ino);
   if (!file.writer || !working_.unrecorded(file.ino)) return {};
   return persist(file.ino);
 }
@@ -348,6 +479,7 @@ Result<void> Folder::fsync(OpenFile& file) {
   // `cp f DIR && sync DIR/f`: the copy's release may still be on its way,
   // and sealing around an open writer would copy the whole file.
   if (!file.writer) working_.writersClosed(file.ino, std::chrono::milliseconds(200));
+  if (file.writer && file.shared) working_.changed(file.ino);
   auto sealed = working_.seal(file.ino);
   if (!sealed) return sealed.failure();
   if (!*sealed) return {};
@@ -384,6 +516,10 @@ Result<Created> Folder::create(Ino parent, std::string_view name, int flags) {
   if (!fd) {
     replica_.remove(added->ino, false);
     return fd.failure();
+  }
+  {
+    MutexLock lock(mutex_);
+    ++handles_[added->ino].opening;
   }
   return Created{withLocalContents(*added),
                  track(OpenFile{added->ino, *fd, true, {}, {}, {}}, std::nullopt,

@@ -61,6 +61,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "driver/Backings.h"
 #include "driver/Copies.h"
 #include "driver/Gate.h"
 #include "driver/Pending.h"
@@ -90,6 +91,9 @@ struct OpenFile {
   std::vector<int> retired;  // earlier fds of a reader, closed at release
   // Reads and writes bypass the kernel's page cache (see track()).
   bool direct = false;
+  // The kernel reads and writes the inode's shared file itself; no read or
+  // write of this handle comes to the daemon (see Folder::share()).
+  bool shared = false;
 };
 
 // Open files belong to the folder until released; one still open when the
@@ -97,6 +101,7 @@ struct OpenFile {
 struct Opened {
   OpenFile* file = nullptr;
   bool keepCache = false;  // the kernel's cached pages are still the contents
+  int backing = -1;        // the kernel serves the handle from this backing
 };
 
 struct Created {
@@ -116,6 +121,9 @@ class Folder {
   Folder(const Folder&) = delete;
   Folder& operator=(const Folder&) = delete;
 
+  // Lets the kernel serve opens of cloud copies itself (passthrough). Call
+  // before the first request; `backings` outlives the folder's use of it.
+  void shareWith(Backings* backings) { backings_ = backings; }
   // Waits up to `bound` for uploads running or due; true when none is left.
   bool finish(std::chrono::milliseconds bound);
   Replica& replica() { return replica_; }
@@ -160,8 +168,32 @@ class Folder {
   // of it too. While such a handle is open, every other handle on the file
   // bypasses the cache as well: kernels before 6.6 leave cached pages in
   // place when a write goes around them, and a reader would see them stale.
-  Opened track(OpenFile file, const std::optional<std::string>& version, bool writeOnly)
-      EXCLUDES(mutex_);
+  //
+  // A reader of a cloud copy that is the only open of its file may have the
+  // kernel serve the file itself from the copy (see share()).
+  Opened track(OpenFile file, const std::optional<std::string>& version, bool writeOnly,
+               bool shareable = false) EXCLUDES(mutex_);
+  // Sharing. The kernel holds one backing file per inode and serves every
+  // open of it from that file while one such open lasts; an open it would
+  // not serve so fails. So while an inode is shared, every open shares it:
+  // readers read the file, and the first writer takes the file over as the
+  // inode's working copy (pinned, see WorkingCopies::adopt()), so readers
+  // see what it writes. No write reaches the daemon: a writer's close
+  // counts as a change. Sharing starts only on a cache copy lent out whole
+  // (Copies::lend()), and ends at the last release: a copy nobody wrote goes
+  // back to the cache, a working copy is unpinned.
+  struct Shared;
+  Result<Opened> openOwn(Ino ino, const NodeInfo& info, int flags);
+  Result<Opened> openShared(Ino ino, Shared& shared, const NodeInfo& info, int flags)
+      REQUIRES(mutex_);
+  // Makes the shared file the inode's working copy.
+  Result<void> takeOver(Ino ino, Shared& shared) REQUIRES(mutex_);
+  // Starts sharing the lent copy `file` is open on, when the kernel can.
+  bool share(OpenFile& file, const std::string& version) REQUIRES(mutex_);
+  // The shared file's last open was released.
+  void unshared(Ino ino, Shared shared);
+  // A non-shared open ends its way in, having failed: see Handles::opening.
+  void abandonOpening(Ino ino) EXCLUDES(mutex_);
   Attributes withLocalContents(Attributes attributes);
   // Sets or (with none) drops the time shown for a folder in place of the cloud's.
   void setFolderTime(Ino ino, std::optional<Date> modified) EXCLUDES(mutex_);
@@ -228,6 +260,7 @@ class Folder {
   Invalidator& invalidator_;
   FolderOptions options_;
   std::shared_ptr<Gate> gate_ = Gate::make();
+  Backings* backings_ = nullptr;
   // Shared with the handlers of the calls it shows, which may outlive the folder.
   std::shared_ptr<Transfers> transfers_ = std::make_shared<Transfers>();
   Replica replica_;
@@ -248,9 +281,19 @@ class Folder {
   // The content version the kernel's page cache holds for each inode.
   std::unordered_map<Ino, std::string> cachedVersion_ GUARDED_BY(mutex_);
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> files_ GUARDED_BY(mutex_);
+  struct Shared {
+    int fd = -1;  // O_RDWR on the file
+    int backing = -1;
+    std::string version;                // the cloud contents it held when lent
+    std::optional<Copies::Lent> lent;   // none once it is the working copy
+  };
   struct Handles {
     int open = 0;
     int direct = 0;
+    // Opens on their way that will not share: no sharing may start under them.
+    int opening = 0;
+    int shared = 0;  // open handles sharing `file`
+    Shared file;
   };
   std::unordered_map<Ino, Handles> handles_ GUARDED_BY(mutex_);
   // Times programs set on folders (rsync, tar), which the cloud does not keep:

@@ -4,13 +4,16 @@
 #include <fuse3/fuse_lowlevel.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -33,6 +36,46 @@ constexpr unsigned kMaxRequest = (1u << 20) - (16u << 10);
 // Readahead the mount asks for: the kernel's default of 128 KiB costs a
 // round trip through the daemon per 128 KiB read.
 constexpr const char* kReadaheadKiB = "1024";
+
+// The kernel's side of passthrough (FUSE 7.40), which the headers of
+// libfuse 3.14 and of this system predate.
+namespace kernel {
+constexpr uint32_t kInit = 26;                     // FUSE_INIT
+constexpr uint32_t kInitExt = 1u << 30;            // FUSE_INIT_EXT: flags2 is read
+constexpr uint32_t kPassthrough = 1u << 5;         // FUSE_PASSTHROUGH (bit 37), in flags2
+constexpr uint32_t kOpenNoFlush = 1u << 5;         // FOPEN_NOFLUSH
+constexpr uint32_t kOpenPassthrough = 1u << 7;     // FOPEN_PASSTHROUGH
+struct BackingMap {
+  int32_t fd;
+  uint32_t flags;
+  uint64_t padding;
+};
+constexpr unsigned long kBackingOpen = _IOW(229, 1, BackingMap);  // FUSE_DEV_IOC_BACKING_OPEN
+constexpr unsigned long kBackingClose = _IOW(229, 2, uint32_t);   // FUSE_DEV_IOC_BACKING_CLOSE
+struct OpenOut {
+  uint64_t fh;
+  uint32_t openFlags;
+  int32_t backingId;
+};
+// Offsets: a request's header is 40 bytes, a reply's 16; then the INIT's own.
+constexpr size_t kInHeader = 40;
+constexpr size_t kOutHeader = 16;
+constexpr size_t kInitInFlags = 12;
+constexpr size_t kInitInFlags2 = 16;
+constexpr size_t kInitOutFlags = 12;
+constexpr size_t kInitOutFlags2 = 32;
+constexpr size_t kInitOutStackDepth = 36;
+constexpr size_t kInitOutSeen = 40;  // what the patch needs of a reply
+
+uint32_t wordAt(const unsigned char* bytes, size_t at) {
+  uint32_t value;
+  std::memcpy(&value, bytes + at, sizeof value);
+  return value;
+}
+void setWordAt(unsigned char* bytes, size_t at, uint32_t value) {
+  std::memcpy(bytes + at, &value, sizeof value);
+}
+}  // namespace kernel
 
 FuseAdapter& self(fuse_req_t req) { return *static_cast<FuseAdapter*>(fuse_req_userdata(req)); }
 Folder& folderOf(fuse_req_t req) { return self(req).folder(); }
@@ -182,6 +225,15 @@ void opLink(fuse_req_t req, fuse_ino_t, fuse_ino_t, const char*) { refuse(req, "
 void opOpen(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   auto opened = folderOf(req).open(ino, fi->flags);
   if (!opened) return replyError(req, opened.failure());
+  if (opened->backing >= 0) {
+    // libfuse 3.14 has no word for this answer: it goes as bytes.
+    kernel::OpenOut out{reinterpret_cast<uint64_t>(opened->file),
+                        kernel::kOpenPassthrough | (opened->file->writer ? 0 : kernel::kOpenNoFlush),
+                        opened->backing};
+    if (fuse_reply_buf(req, reinterpret_cast<const char*>(&out), sizeof out) != 0)
+      folderOf(req).release(opened->file);
+    return;
+  }
   fi->keep_cache = opened->keepCache;
   fi->direct_io = opened->file->direct;
   fi->fh = reinterpret_cast<uint64_t>(opened->file);
@@ -422,6 +474,7 @@ void FuseAdapter::widenReadahead() {
 int FuseAdapter::serve(Folder& folder, bool signals) {
   if (!session_ || !mounted_) return 1;
   folder_ = &folder;
+  folder.shareWith(this);
   if (signals) {
     fuse_set_signal_handlers(session_);
     sigset_t set;
@@ -435,6 +488,7 @@ int FuseAdapter::serve(Folder& folder, bool signals) {
     MutexLock lock(mutex_);
     live_ = true;
   }
+  answerInit();
   fuse_loop_config* config = fuse_loop_cfg_create();
   fuse_loop_cfg_set_max_threads(config, 32);
   int rc = fuse_session_loop_mt(session_, config);
@@ -459,6 +513,91 @@ void FuseAdapter::stop() {
   // The kernel ends the session once the last open file was released.
   if (mountpoint_.empty() || !detach(mountpoint_))
     if (session_) fuse_session_exit(session_);
+}
+
+void FuseAdapter::answerInit() {
+  fuse_buf buf{};
+  int got = 0;
+  do got = fuse_session_receive_buf(session_, &buf);
+  while (got == -EINTR && !fuse_session_exited(session_));
+  if (got <= 0) {
+    std::free(buf.mem);
+    return;  // the loop meets the same end
+  }
+  const auto* in = static_cast<const unsigned char*>(buf.mem);
+  const bool offered = !(buf.flags & FUSE_BUF_IS_FD) &&
+                       static_cast<size_t>(got) >= kernel::kInHeader + kernel::kInitInFlags2 + 4 &&
+                       kernel::wordAt(in, 4) == kernel::kInit &&
+                       (kernel::wordAt(in, kernel::kInHeader + kernel::kInitInFlags) &
+                        kernel::kInitExt) &&
+                       (kernel::wordAt(in, kernel::kInHeader + kernel::kInitInFlags2) &
+                        kernel::kPassthrough);
+  // Registering a backing file takes CAP_SYS_ADMIN.
+  const int dev = fuse_session_fd(session_);
+  int saved = -1;
+  int pair[2] = {-1, -1};
+  if (offered && ::geteuid() == 0) {
+    saved = ::fcntl(dev, F_DUPFD_CLOEXEC, 0);
+    if (saved >= 0 && ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
+      ::close(saved);
+      saved = -1;
+    }
+  }
+  if (saved < 0) {
+    fuse_session_process_buf(session_, &buf);
+    std::free(buf.mem);
+    return;
+  }
+  // libfuse writes its answer to the session's descriptor; for this one
+  // request that number is a socket, and the answer is read back from it.
+  ::dup3(pair[0], dev, O_CLOEXEC);
+  fuse_session_process_buf(session_, &buf);
+  std::free(buf.mem);
+  std::vector<unsigned char> reply(4096);
+  ssize_t n = ::recv(pair[1], reply.data(), reply.size(), MSG_DONTWAIT);
+  ::dup3(saved, dev, O_CLOEXEC);
+  ::close(saved);
+  ::close(pair[0]);
+  ::close(pair[1]);
+  if (n < 0) {
+    log("driver: no answer to the kernel's INIT ({})", std::strerror(errno));
+    return;
+  }
+  const auto size = static_cast<size_t>(n);
+  if (size >= kernel::kOutHeader + kernel::kInitOutSeen && kernel::wordAt(reply.data(), 4) == 0) {
+    unsigned char* out = reply.data() + kernel::kOutHeader;
+    kernel::setWordAt(out, kernel::kInitOutFlags,
+                      kernel::wordAt(out, kernel::kInitOutFlags) | kernel::kInitExt);
+    kernel::setWordAt(out, kernel::kInitOutFlags2,
+                      kernel::wordAt(out, kernel::kInitOutFlags2) | kernel::kPassthrough);
+    kernel::setWordAt(out, kernel::kInitOutStackDepth, 1);
+    passthrough_ = true;
+  }
+  if (::write(dev, reply.data(), size) != n) {
+    passthrough_ = false;
+    log("driver: the kernel refused the INIT answer ({})", std::strerror(errno));
+  }
+}
+
+std::optional<int> FuseAdapter::open(int fd) {
+  if (!passthrough_ || !session_) return std::nullopt;
+  kernel::BackingMap map{fd, 0, 0};
+  int id = ::ioctl(fuse_session_fd(session_), kernel::kBackingOpen, &map);
+  if (id > 0) return id;
+  const int error = errno;
+  if (error == EPERM || error == EOPNOTSUPP || error == ENOTTY || error == EINVAL) {
+    // Not on this kernel or for this user: reads come to the daemon.
+    if (passthrough_.exchange(false))
+      log("driver: the kernel does not serve files itself here ({}); reads come through us",
+          std::strerror(error));
+  }
+  return std::nullopt;
+}
+
+void FuseAdapter::close(int id) {
+  if (!session_ || id <= 0) return;
+  uint32_t value = static_cast<uint32_t>(id);
+  ::ioctl(fuse_session_fd(session_), kernel::kBackingClose, &value);
 }
 
 void FuseAdapter::keepDir(std::unique_ptr<DirHandle> handle) {

@@ -4,6 +4,12 @@
 // with the copy's descriptor (zero-copy splice where the kernel allows),
 // writes go straight into the working copy's descriptor.
 //
+// Where the kernel offers passthrough and we may use it (root), it is the
+// folder's Backings too: libfuse 3.14 cannot ask for passthrough, so the
+// adapter answers the kernel's INIT itself (libfuse's answer, with
+// passthrough added), registers backing files on /dev/fuse, and answers a
+// shared open with the backing's id.
+//
 // It is also the replica's Invalidator: what went stale is queued and told
 // to the kernel (fuse_lowlevel_notify_delete / _inval_entry / _inval_inode)
 // from the adapter's own notifier thread, never from a thread serving a
@@ -17,6 +23,7 @@
 // must be blocked in every other thread: block them before making any.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -26,6 +33,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "driver/Backings.h"
 #include "driver/Folder.h"
 #include "driver/Replica.h"
 #include "platform/Result.h"
@@ -40,7 +48,7 @@ struct DirHandle {
   std::vector<Child> entries;
 };
 
-class FuseAdapter final : public Invalidator {
+class FuseAdapter final : public Invalidator, public Backings {
  public:
   FuseAdapter();
   ~FuseAdapter() override;
@@ -58,6 +66,8 @@ class FuseAdapter final : public Invalidator {
   void stop();
 
   void invalidate(std::vector<Invalidation> batch) override EXCLUDES(mutex_);
+  std::optional<int> open(int fd) override;
+  void close(int id) override;
 
   // --- used by the request handlers -------------------------------------
   Folder& folder() { return *folder_; }
@@ -73,12 +83,16 @@ class FuseAdapter final : public Invalidator {
 
  private:
   void notifyLoop() EXCLUDES(mutex_);
+  // Serves the kernel's first request, INIT, asking for passthrough too
+  // when the kernel offers it.
+  void answerInit();
 
   fuse_session* session_ = nullptr;
   std::string mountpoint_;
   bool mounted_ = false;
   std::string readaheadKnob_;  // the mount's read_ahead_kb in sysfs, when found
   std::once_flag readaheadWidened_;
+  std::atomic<bool> passthrough_{false};  // the kernel took it; backings may be opened
   Folder* folder_ = nullptr;
   uint32_t uid_;
   uint32_t gid_;

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <vector>
 
+#include "platform/Log.h"
+
 namespace hvfp::driver {
 namespace {
 
@@ -165,6 +167,37 @@ Result<int> WorkingCopies::openWriter(Ino ino, bool truncate, bool append,
   return fd;
 }
 
+Result<std::string> WorkingCopies::adopt(Ino ino, const std::string& from) {
+  MutexLock lock(mutex_);
+  if (locals_.count(ino)) return errnoFailure(EBUSY, "the file has local contents already");
+  std::string path = newFile(ino);
+  if (::rename(from.c_str(), path.c_str()) != 0) return errnoFailure(errno);
+  Local& local = locals_[ino];
+  local.path = path;
+  local.pinned = true;
+  return path;
+}
+
+std::optional<Sealed> WorkingCopies::unpin(Ino ino) {
+  MutexLock lock(mutex_);
+  Local* local = idleLocal(ino, lock);
+  if (!local) return std::nullopt;
+  local->pinned = false;
+  if (local->writers > 0) return std::nullopt;  // the last close seals it
+  if (local->dirty) {
+    uint64_t generation = ++generations_;
+    local->pathGeneration = generation;
+    local->waiting[generation] = local->path;
+    local->dirty = false;
+    return Sealed{generation, local->path};
+  }
+  if (local->waiting.empty() && local->pathGeneration == 0) {
+    ::unlink(local->path.c_str());
+    locals_.erase(ino);
+  }
+  return std::nullopt;
+}
+
 void WorkingCopies::changed(Ino ino) {
   MutexLock lock(mutex_);
   if (auto it = locals_.find(ino); it != locals_.end())
@@ -206,6 +239,14 @@ std::optional<Sealed> WorkingCopies::closeWriter(Ino ino) {
   if (!local || local->writers == 0) return std::nullopt;
   if (--local->writers > 0) return std::nullopt;
   idle_.notify_all();
+  if (local->dirty && local->pinned) {
+    // Others still read this very file: what goes up is a snapshot of it.
+    lock.unlock();
+    auto sealed = seal(ino);
+    if (!sealed) log("working copies: cannot snapshot {} ({}); it goes at the next close",
+                     ino, sealed.failure().message);
+    return sealed ? *sealed : std::nullopt;
+  }
   if (local->dirty) {
     uint64_t generation = ++generations_;
     local->pathGeneration = generation;
@@ -268,6 +309,7 @@ std::optional<std::string> WorkingCopies::uploaded(Ino ino, uint64_t generation)
     if (w->second != local.path) ::unlink(w->second.c_str());
     w = local.waiting.erase(w);
   }
+  if (local.pinned) return std::nullopt;
   if (!local.waiting.empty() || local.writers > 0 || local.dirty || local.busy) return std::nullopt;
   std::optional<std::string> keep;
   if (local.pathGeneration == generation)

@@ -57,6 +57,17 @@ class WorkingCopies {
   Result<int> openWriter(Ino ino, bool truncate, bool append,
                          const std::function<Result<int>()>& source, std::optional<Date> modified)
       EXCLUDES(mutex_);
+  // The file at `from` becomes the inode's working copy, moved into the
+  // folder; the inode must have none yet. It comes pinned: the kernel
+  // reads and writes that very file for every open of the inode, so it
+  // stays the one working copy. While pinned, a last writer's close seals a
+  // snapshot of it, an upload's report leaves it in place, and a writer
+  // opens it again rather than starting a new one.
+  Result<std::string> adopt(Ino ino, const std::string& from) EXCLUDES(mutex_);
+  // The kernel no longer shares the working copy: it is sealed in place from
+  // now on, like any other. Changes not sealed yet are sealed now and
+  // returned, for upload.
+  std::optional<Sealed> unpin(Ino ino) EXCLUDES(mutex_);
   // A writer changed the working copy.
   void changed(Ino ino) EXCLUDES(mutex_);
   // Whether the local contents changed since the last call said so: true
@@ -94,6 +105,7 @@ class WorkingCopies {
     bool dirty = false;
     bool unrecorded = false;                  // changed since the caller last recorded it
     bool busy = false;                        // a file copy for it runs
+    bool pinned = false;                      // see adopt()
     std::map<uint64_t, std::string> waiting;  // sealed, not yet reported
   };
 

@@ -23,7 +23,8 @@ class FakeMount : public ::testing::Test {
             ::testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(root);
     fs::create_directories(root);
-    cloud = std::make_unique<FakeCloud>(root / "downloads");
+    // Downloads land where the provider puts them, in the domain's cache.
+    cloud = std::make_unique<FakeCloud>(root / "cache" / "tmp");
     docs = cloud->remoteAddMount("Docs");
     notes = cloud->remoteAddFile(docs, "notes.md", "# Notes\n", 1700000100);
     mount = std::make_unique<Mounted>(
@@ -102,6 +103,10 @@ TEST_F(FakeMount, ReadingServesTheCloudContentsFetchedOnceForConcurrentOpens) {
   cloud->holdFetches(false);
   for (auto& t : readers) t.join();
   for (auto& g : got) EXPECT_TRUE(g == data);
+  EXPECT_EQ(cloud->fetchesOf(big), 1);
+  // The kernel served the last of them from the copy itself; the copy is
+  // the cache's again afterwards.
+  EXPECT_TRUE(readAll(at("Docs/big.bin")) == data);
   EXPECT_EQ(cloud->fetchesOf(big), 1);
   EXPECT_EQ(readAll(at("Docs/notes.md")), "# Notes\n");
 }
@@ -251,6 +256,7 @@ TEST_F(FakeMount, ProgramsWriteAsOnALocalDisk) {
     std::string bytes;
   };
   const std::string hole(100000, '\0');
+  cloud->remoteAddFile(docs, "shared.txt", "cloud\n");
   const std::vector<Step> steps = {
       {"O_TRUNC", "printf abc > Docs/notes.md", "notes.md", "abc"},
       {"O_APPEND", "printf def >> Docs/notes.md", "notes.md", "abcdef"},
@@ -273,6 +279,15 @@ TEST_F(FakeMount, ProgramsWriteAsOnALocalDisk) {
        "printf cd >&7; perl -e 'sysseek STDIN, 0, 0; sysread STDIN, $b, 9; print $b' <&8 "
        "> ../copied-seen; exec 7>&- 8<&-",
        "copied.txt", "abcd"},
+      {"readers of the cloud's copy see a writer's appends, before and after its close",
+       "exec 5<Docs/shared.txt 6<Docs/shared.txt; printf 'more\\n' >> Docs/shared.txt; "
+       "cat <&5 > ../shared-seen; exec 7>>Docs/shared.txt; printf 'again\\n' >&7; "
+       "exec 7>&-; cat <&6 > ../shared-seen-2; exec 5<&- 6<&-",
+       "shared.txt", "cloud\nmore\nagain\n"},
+      {"a writer truncating a file others read",
+       "exec 5<Docs/shared.txt; printf 'new\\n' > Docs/shared.txt; cat <&5 > ../truncated-seen; "
+       "exec 5<&-",
+       "shared.txt", "new\n"},
       {"rename over a file not sent yet",
        "printf new > Docs/a.tmp && mv Docs/a.tmp Docs/sparse.bin", "sparse.bin", "new"},
   };
@@ -285,6 +300,9 @@ TEST_F(FakeMount, ProgramsWriteAsOnALocalDisk) {
   }
   EXPECT_EQ(readAll(root / "seen"), "abcd");
   EXPECT_EQ(readAll(root / "copied-seen"), "abcd");
+  EXPECT_EQ(readAll(root / "shared-seen"), "cloud\nmore\n");
+  EXPECT_EQ(readAll(root / "shared-seen-2"), "cloud\nmore\nagain\n");
+  EXPECT_EQ(readAll(root / "truncated-seen"), "new\n");
   EXPECT_FALSE(inCloud("a.tmp"));
 }
 
