@@ -300,6 +300,7 @@ void readEntries(fuse_req_t req, size_t size, off_t off, fuse_file_info* fi, boo
   // The kernel offers up to a megabyte per call; only what the entries
   // take is allocated (and touched).
   std::vector<char> buf;
+  std::vector<Ino> looked;  // entries the kernel will keep, counted once the page is made
   size_t used = 0;
   for (size_t i = static_cast<size_t>(off); i < handle->entries.size(); ++i) {
     const Child& child = handle->entries[i];
@@ -322,9 +323,10 @@ void readEntries(fuse_req_t req, size_t size, off_t off, fuse_file_info* fi, boo
       fuse_add_direntry_plus(req, buf.data() + used, needed, name, &e, next);
     else
       fuse_add_direntry(req, buf.data() + used, needed, name, &st, next);
-    if (plus && !dots) folderOf(req).replica().countLookup(child.attributes.ino);
+    if (plus && !dots) looked.push_back(child.attributes.ino);
     used += needed;
   }
+  if (!looked.empty()) folderOf(req).replica().countLookups(looked);
   fuse_reply_buf(req, buf.data(), used);
 }
 
@@ -585,8 +587,9 @@ std::optional<int> FuseAdapter::open(int fd) {
   int id = ::ioctl(fuse_session_fd(session_), kernel::kBackingOpen, &map);
   if (id > 0) return id;
   const int error = errno;
-  if (error == EPERM || error == EOPNOTSUPP || error == ENOTTY || error == EINVAL) {
-    // Not on this kernel or for this user: reads come to the daemon.
+  if (error != EMFILE && error != ENFILE && error != ENOMEM && error != EINTR) {
+    // Not on this kernel, for this user or for files on this file system
+    // (ELOOP: the cache is on a stacked one): reads come to the daemon.
     if (passthrough_.exchange(false))
       log("driver: the kernel does not serve files itself here ({}); reads come through us",
           std::strerror(error));
