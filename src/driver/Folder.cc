@@ -139,7 +139,10 @@ Result<Attributes> Folder::getattr(Ino ino) {
 Result<std::vector<Child>> Folder::list(Ino folder) {
   auto children = replica_.children(folder);
   if (!children) return children;
-  for (auto& child : *children) child.attributes = withLocalContents(child.attributes);
+  // Most of the time no file has local contents: one look, not one a child.
+  const bool local = !working_.empty();
+  for (auto& child : *children)
+    if (local || child.attributes.folder) child.attributes = withLocalContents(child.attributes);
   return children;
 }
 

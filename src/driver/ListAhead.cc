@@ -1,5 +1,8 @@
 #include "driver/ListAhead.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <exception>
 #include <utility>
 
@@ -42,6 +45,9 @@ void ListAhead::want(const std::vector<uint64_t>& folders) {
 }
 
 void ListAhead::run() {
+  // Behind the requests of whoever reads the folders: on a busy machine
+  // their answers come first, and these run in the gaps.
+  ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNice);
   MutexLock lock(mutex_);
   for (;;) {
     wake_.wait(lock, [&]() REQUIRES(mutex_) { return stopping_ || !queue_.empty(); });

@@ -31,6 +31,7 @@ class ListAhead {
   using Fill = std::function<void(uint64_t folder)>;
   static constexpr size_t kThreads = 2;
   static constexpr size_t kMaxQueued = 1024;
+  static constexpr int kNice = 10;
 
   explicit ListAhead(Fill fill);
   ~ListAhead();

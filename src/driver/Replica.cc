@@ -517,9 +517,10 @@ Result<Attributes> Replica::attributes(Ino ino) {
   return attributesOf(ino, *node);
 }
 
-void Replica::countLookup(Ino ino) {
+void Replica::countLookups(const std::vector<Ino>& inos) {
   MutexLock lock(mutex_);
-  if (Node* node = get(ino)) ++node->lookups;
+  for (Ino ino : inos)
+    if (Node* node = get(ino)) ++node->lookups;
 }
 
 void Replica::forget(Ino ino, uint64_t count) {
@@ -536,16 +537,24 @@ Result<std::vector<Child>> Replica::children(Ino folder) {
   Node* node = get(folder);
   if (!node || !node->contents) return errnoFailure(ENOENT);
   std::vector<Child> out;
-  std::vector<Ino> unlisted;
   out.reserve(node->contents->children.size());
+  std::vector<std::pair<std::string_view, Ino>> unlisted;
   for (auto& [name, ino] : node->contents->children) {
     Node* child = get(ino);
     if (!child) continue;
     out.push_back(Child{child->name, attributesOf(ino, *child)});
-    if (child->contents && !child->contents->filled && ino != kTrashIno) unlisted.push_back(ino);
+    if (child->contents && !child->contents->filled && ino != kTrashIno)
+      unlisted.emplace_back(out.back().name, ino);
   }
   lock.unlock();
-  listAhead_.want(unlisted);
+  // In name order: ls -R goes into subfolders so, and find in the order
+  // they are read, so the folders listed ahead are the ones looked at next.
+  std::sort(unlisted.begin(), unlisted.end());  // before `out` moves the names they view
+  std::vector<Ino> ahead;
+  ahead.reserve(unlisted.size());
+  for (auto& [name, ino] : unlisted) ahead.push_back(ino);
+  listAhead_.want(ahead);
+  std::sort(out.begin(), out.end(), [](const Child& a, const Child& b) { return a.name < b.name; });
   return out;
 }
 

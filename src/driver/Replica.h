@@ -128,7 +128,8 @@ class Replica {
   // Fills `parent` when needed; counts one kernel lookup of the child.
   Result<Attributes> lookup(Ino parent, std::string_view name) EXCLUDES(mutex_);
   Result<Attributes> attributes(Ino ino) EXCLUDES(mutex_);
-  void countLookup(Ino ino) EXCLUDES(mutex_);
+  // One kernel lookup of each (a page of readdirplus entries).
+  void countLookups(const std::vector<Ino>& inos) EXCLUDES(mutex_);
   void forget(Ino ino, uint64_t count) EXCLUDES(mutex_);
   // A folder's children, listing it first when it never was. The trash is
   // listed afresh each time: its change report is always empty. The

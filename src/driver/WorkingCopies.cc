@@ -83,6 +83,11 @@ WorkingCopies::Local* WorkingCopies::idleLocal(Ino ino, MutexLock& lock) {
   }
 }
 
+bool WorkingCopies::empty() {
+  MutexLock lock(mutex_);
+  return locals_.empty();
+}
+
 std::optional<std::string> WorkingCopies::newest(Ino ino) {
   MutexLock lock(mutex_);
   auto it = locals_.find(ino);

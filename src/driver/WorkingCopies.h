@@ -47,6 +47,8 @@ class WorkingCopies {
   // The files an earlier run left in the folder.
   const std::vector<std::string>& leftovers() const { return leftovers_; }
 
+  // Whether no file has local contents.
+  bool empty() EXCLUDES(mutex_);
   // The newest local contents of the inode, when the cloud may lack them.
   std::optional<std::string> newest(Ino ino) EXCLUDES(mutex_);
   // A descriptor for writing, on the inode's working copy; one is made first
