@@ -116,5 +116,56 @@ TEST_F(Cache, CopyThatNoLongerMatchesItsHashIsFetchedAgain) {
   EXPECT_EQ(copies.use().bytes, 3000u);
 }
 
+// A copy lent to the kernel for an open file: counted but never evicted
+// while out, found again without a fetch when it comes back unchanged,
+// fetched again when it came back changed, and never lent when another
+// item or open shares it.
+TEST_F(Cache, LentCopiesCountStayAndComeBackOnlyUnchanged) {
+  const std::string a = add("a", 1000), b = add("b", 1000), c = add("c", 1000);
+  Copies copies(*cloud, (root / "cache" / "copies").string(), (root / "cache").string(), 2500);
+  std::string held;
+  read(copies, a, true, &held);
+  auto lent = copies.lend(held);
+  ASSERT_TRUE(lent);
+  EXPECT_FALSE(onDisk(a));
+  EXPECT_EQ(copies.use().bytes, 1000u);
+  read(copies, b, false);
+  read(copies, c, false);  // over the limit: b goes, not the lent copy
+  EXPECT_TRUE(fs::exists(lent->path));
+  EXPECT_FALSE(onDisk(b));
+  EXPECT_EQ(copies.use().bytes, 2000u);
+
+  copies.takeBack(*lent);
+  EXPECT_TRUE(onDisk(a));
+  EXPECT_EQ(read(copies, a, false), cloud->entry(a)->contents);
+  EXPECT_EQ(cloud->fetchesOf(a), 1);
+
+  read(copies, a, true, &held);
+  lent = copies.lend(held);
+  ASSERT_TRUE(lent);
+  std::ofstream(lent->path, std::ios::app) << "written by its holder";
+  copies.takeBack(*lent);
+  EXPECT_FALSE(fs::exists(lent->path));
+  EXPECT_EQ(read(copies, a, false), cloud->entry(a)->contents);
+  EXPECT_EQ(cloud->fetchesOf(a), 2);
+
+  read(copies, c, true, &held);
+  lent = copies.lend(held);
+  ASSERT_TRUE(lent);
+  copies.keep(*lent);  // its holder's now: no longer the cache's to count
+  EXPECT_EQ(copies.use().bytes, 1000u);
+  EXPECT_TRUE(fs::exists(lent->path));
+
+  // Two items with the same contents share one download.
+  const std::string x1 = add("x1", 700), x2 = add("x2", 700);
+  std::string held1, held2;
+  read(copies, x1, true, &held1);
+  read(copies, x2, true, &held2);
+  ASSERT_EQ(held1, held2);
+  EXPECT_FALSE(copies.lend(held1));
+  copies.closed(held2);
+  EXPECT_FALSE(copies.lend(held1));  // x2's copy is the same file
+}
+
 }  // namespace
 }  // namespace hvfp::driver::test
