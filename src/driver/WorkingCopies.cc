@@ -189,18 +189,7 @@ std::optional<Sealed> WorkingCopies::unpin(Ino ino) {
   if (!local) return std::nullopt;
   local->pinned = false;
   if (local->writers > 0) return std::nullopt;  // the last close seals it
-  if (local->dirty) {
-    uint64_t generation = ++generations_;
-    local->pathGeneration = generation;
-    local->waiting[generation] = local->path;
-    local->dirty = false;
-    return Sealed{generation, local->path};
-  }
-  if (local->waiting.empty() && local->pathGeneration == 0) {
-    ::unlink(local->path.c_str());
-    locals_.erase(ino);
-  }
-  return std::nullopt;
+  return settle(ino, *local);
 }
 
 void WorkingCopies::changed(Ino ino) {
@@ -252,16 +241,20 @@ std::optional<Sealed> WorkingCopies::closeWriter(Ino ino) {
                      ino, sealed.failure().message);
     return sealed ? *sealed : std::nullopt;
   }
-  if (local->dirty) {
+  return settle(ino, *local);
+}
+
+std::optional<Sealed> WorkingCopies::settle(Ino ino, Local& local) {
+  if (local.dirty) {
     uint64_t generation = ++generations_;
-    local->pathGeneration = generation;
-    local->waiting[generation] = local->path;
-    local->dirty = false;
-    return Sealed{generation, local->path};
+    local.pathGeneration = generation;
+    local.waiting[generation] = local.path;
+    local.dirty = false;
+    return Sealed{generation, local.path};
   }
   // Unchanged and nothing waiting: it is the cloud's contents again.
-  if (local->waiting.empty() && local->pathGeneration == 0) {
-    ::unlink(local->path.c_str());
+  if (local.waiting.empty() && local.pathGeneration == 0) {
+    ::unlink(local.path.c_str());
     locals_.erase(ino);
   }
   return std::nullopt;

@@ -112,6 +112,9 @@ class WorkingCopies {
   };
 
   std::string newFile(Ino ino) REQUIRES(mutex_);
+  // A copy no writer holds: sealed in place when changed, else dropped when
+  // nothing waits on it (it is the cloud's contents again).
+  std::optional<Sealed> settle(Ino ino, Local& local) REQUIRES(mutex_);
   Local* idleLocal(Ino ino, MutexLock& lock) REQUIRES(mutex_);
 
   const std::string folder_;
