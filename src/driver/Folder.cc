@@ -12,6 +12,7 @@
 
 #include "driver/Calls.h"
 #include "driver/ErrorMap.h"
+#include "platform/Bytes.h"
 #include "platform/Log.h"
 #include "platform/fileprovider/ContainerIdentifiers.h"
 #include "platform/fileprovider/ItemTemplate.h"
@@ -256,12 +257,56 @@ Result<Opened> Folder::open(Ino ino, int flags) {
   {
     MutexLock lock(mutex_);
     Handles& handles = handles_[ino];
-    if (handles.shared > 0) return openShared(ino, handles.file, *info, flags);
-    ++handles.opening;
+    if (handles.shared > 0 && !outdated(handles.file, *info))
+      return openShared(ino, handles.file, *info, flags);
+    if (handles.shared == 0) ++handles.opening;
+    if (handles.shared > 0) lock.unlock();  // the shared copy is behind the cloud
   }
+  if (auto shared = sharedAfterRefresh(ino, *info, flags)) return std::move(*shared);
   auto opened = openOwn(ino, *info, flags);
   if (!opened) abandonOpening(ino);
   return opened;
+}
+
+bool Folder::outdated(const Shared& shared, const NodeInfo& info) {
+  return shared.lent && info.record.version && shared.version != info.record.version->contentVersion;
+}
+
+std::optional<Result<Opened>> Folder::sharedAfterRefresh(Ino ino, const NodeInfo& info,
+                                                         int flags) {
+  {
+    MutexLock lock(mutex_);
+    auto it = handles_.find(ino);
+    if (it == handles_.end() || it->second.shared == 0) return std::nullopt;
+  }
+  // The cloud's contents changed since the copy was shared: they go into
+  // the shared file, so this open (and a writer's edit above all) starts
+  // from them, as a file rewritten in place would.
+  auto fresh = readCloudCopy(ino, info, false);
+  if (!fresh) return Result<Opened>(fresh.failure());
+  auto now = replica_.info(ino);
+  MutexLock lock(mutex_);
+  Handles& handles = handles_[ino];
+  if (handles.shared == 0) {
+    // Nobody shares it any more: an ordinary open after all.
+    ::close(fresh->fd);
+    ++handles.opening;
+    lock.unlock();
+    auto opened = openOwn(ino, now ? *now : info, flags);
+    if (!opened) abandonOpening(ino);
+    return opened;
+  }
+  Shared& shared = handles.file;
+  if (now && outdated(shared, *now)) {
+    int error = ::ftruncate(shared.fd, 0) == 0 && ::lseek(shared.fd, 0, SEEK_SET) == 0
+                    ? copyContents(fresh->fd, shared.fd)
+                    : errno;
+    if (error) log("driver: cannot bring a shared copy up to date ({})", std::strerror(error));
+    // What the copy holds now is not what was lent: it is not taken back.
+    shared.version = now->record.version->contentVersion;
+  }
+  ::close(fresh->fd);
+  return openShared(ino, shared, now ? *now : info, flags);
 }
 
 Result<Opened> Folder::openOwn(Ino ino, const NodeInfo& info, int flags) {

@@ -186,6 +186,13 @@ class Folder {
   Result<Opened> openOwn(Ino ino, const NodeInfo& info, int flags);
   Result<Opened> openShared(Ino ino, Shared& shared, const NodeInfo& info, int flags)
       REQUIRES(mutex_);
+  // Whether the cloud's contents moved on from the lent copy shared.
+  static bool outdated(const Shared& shared, const NodeInfo& info);
+  // An open of a file shared at older cloud contents: the current ones are
+  // fetched and written into the shared file first. None when the file is
+  // not shared (an ordinary open follows).
+  std::optional<Result<Opened>> sharedAfterRefresh(Ino ino, const NodeInfo& info, int flags)
+      EXCLUDES(mutex_);
   // Makes the shared file the inode's working copy.
   Result<void> takeOver(Ino ino, Shared& shared) REQUIRES(mutex_);
   // Starts sharing the lent copy `file` is open on, when the kernel can.

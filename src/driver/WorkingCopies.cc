@@ -9,37 +9,11 @@
 #include <filesystem>
 #include <vector>
 
+#include "platform/Bytes.h"
 #include "platform/Log.h"
 
 namespace hvfp::driver {
 namespace {
-
-// Copies the whole of `from` into `to` (both open); 0 or an errno.
-int copyAll(int from, int to) {
-  for (;;) {
-    ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, size_t{1} << 30, 0);
-    if (n == 0) return 0;
-    if (n > 0) continue;
-    if (errno == EINTR) continue;
-    if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return errno;
-    break;
-  }
-  std::vector<char> buffer(size_t{1} << 20);
-  for (;;) {
-    ssize_t n = ::read(from, buffer.data(), buffer.size());
-    if (n == 0) return 0;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return errno;
-    }
-    for (ssize_t done = 0; done < n;) {
-      ssize_t w = ::write(to, buffer.data() + done, size_t(n - done));
-      if (w < 0 && errno == EINTR) continue;
-      if (w < 0) return errno;
-      done += w;
-    }
-  }
-}
 
 int copyFile(const std::string& from, const std::string& to) {
   int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
@@ -50,7 +24,7 @@ int copyFile(const std::string& from, const std::string& to) {
     ::close(in);
     return e;
   }
-  int e = copyAll(in, out);
+  int e = copyContents(in, out);
   ::close(in);
   if (::close(out) != 0 && !e) e = errno;
   return e;
@@ -136,7 +110,7 @@ Result<int> WorkingCopies::openWriter(Ino ino, bool truncate, bool append,
       error = opened.failure().code ? opened.failure().code : EIO;
     }
     if (from >= 0) {
-      error = copyAll(from, fd);
+      error = copyContents(from, fd);
       struct stat st {};
       if (!error && !sealed.empty() && ::fstat(from, &st) == 0) {
         struct timespec times[2] = {{0, UTIME_OMIT}, st.st_mtim};

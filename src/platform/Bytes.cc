@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <vector>
 
 namespace hvfp {
 
@@ -25,6 +26,27 @@ bool writeAll(int fd, const char* bytes, size_t count) {
     count -= static_cast<size_t>(n);
   }
   return true;
+}
+
+int copyContents(int from, int to) {
+  for (;;) {
+    ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, size_t{1} << 30, 0);
+    if (n == 0) return 0;
+    if (n > 0) continue;
+    if (errno == EINTR) continue;
+    if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return errno;
+    break;
+  }
+  std::vector<char> buffer(size_t{1} << 20);
+  for (;;) {
+    ssize_t n = ::read(from, buffer.data(), buffer.size());
+    if (n == 0) return 0;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (!writeAll(to, buffer.data(), static_cast<size_t>(n))) return errno ? errno : EIO;
+  }
 }
 
 }  // namespace hvfp

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <fstream>
 #include <regex>
 
 #include "driver/FakeCloud.h"
@@ -373,6 +374,17 @@ TEST_F(FakeMount, ChangesFromElsewhereShowAfterTheSignalWithoutRemount) {
       },
       std::chrono::seconds(2)));
   EXPECT_EQ(readAll(at("Docs/from-elsewhere.txt")), "hello");
+
+  // Changed in the cloud while a program holds it open: a new open, and an
+  // edit above all, start from the cloud's new contents.
+  std::ifstream held(at("Docs/from-elsewhere.txt"));
+  ASSERT_TRUE(held);
+  cloud->remoteWrite(cloud->childNamed(docs, "from-elsewhere.txt")->id, "changed\n");
+  mount->signal(docs);
+  EXPECT_TRUE(eventually([&] { return readAll(at("Docs/from-elsewhere.txt")) == "changed\n"; },
+                         std::chrono::seconds(2)));
+  ASSERT_EQ(run("echo more >> Docs/from-elsewhere.txt").rc, 0);
+  EXPECT_TRUE(cloudHolds("from-elsewhere.txt", "changed\nmore\n"));
 }
 
 }  // namespace
