@@ -172,12 +172,18 @@ Result<Attributes> Folder::setattr(Ino ino, std::optional<uint64_t> size,
 Result<void> Folder::rewrite(Ino ino, const NodeInfo& info, bool truncate,
                              const std::function<int(int fd)>& change) {
   {
-    // A shared file changes in place, for its readers to see.
     MutexLock lock(mutex_);
-    auto it = handles_.find(ino);
-    if (it != handles_.end() && it->second.shared > 0 && it->second.file.lent)
-      if (auto taken = takeOver(ino, it->second.file); !taken) return taken;
+    Handles& handles = handles_[ino];
+    // A shared file changes in place, for its readers to see.
+    if (handles.shared > 0 && handles.file.lent)
+      if (auto taken = takeOver(ino, handles.file); !taken) return taken;
+    ++handles.opening;  // no sharing starts while the contents are remade
   }
+  struct Done {
+    Folder& folder;
+    Ino ino;
+    ~Done() { folder.abandonOpening(ino); }
+  } done{*this, ino};
   auto fd = working_.openWriter(
       ino, truncate, false,
       [&]() -> Result<int> {
@@ -254,15 +260,18 @@ Result<Opened> Folder::open(Ino ino, int flags) {
   if (writer &&
       (!(info->record.capabilities & Capability::Writing) || info->parent == kTrashIno))
     return errnoFailure(EACCES);
+  bool refresh = false;
   {
     MutexLock lock(mutex_);
     Handles& handles = handles_[ino];
-    if (handles.shared > 0 && !outdated(handles.file, *info))
+    if (handles.shared == 0)
+      ++handles.opening;
+    else if (!outdated(handles.file, *info))
       return openShared(ino, handles.file, *info, flags);
-    if (handles.shared == 0) ++handles.opening;
-    if (handles.shared > 0) lock.unlock();  // the shared copy is behind the cloud
+    else
+      refresh = true;  // the shared copy is behind the cloud
   }
-  if (auto shared = sharedAfterRefresh(ino, *info, flags)) return std::move(*shared);
+  if (refresh) return openRefreshed(ino, *info, flags);
   auto opened = openOwn(ino, *info, flags);
   if (!opened) abandonOpening(ino);
   return opened;
@@ -272,19 +281,14 @@ bool Folder::outdated(const Shared& shared, const NodeInfo& info) {
   return shared.lent && info.record.version && shared.version != info.record.version->contentVersion;
 }
 
-std::optional<Result<Opened>> Folder::sharedAfterRefresh(Ino ino, const NodeInfo& info,
-                                                         int flags) {
-  {
-    MutexLock lock(mutex_);
-    auto it = handles_.find(ino);
-    if (it == handles_.end() || it->second.shared == 0) return std::nullopt;
-  }
+Result<Opened> Folder::openRefreshed(Ino ino, const NodeInfo& info, int flags) {
   // The cloud's contents changed since the copy was shared: they go into
   // the shared file, so this open (and a writer's edit above all) starts
   // from them, as a file rewritten in place would.
   auto fresh = readCloudCopy(ino, info, false);
-  if (!fresh) return Result<Opened>(fresh.failure());
+  if (!fresh) return fresh.failure();
   auto now = replica_.info(ino);
+  const NodeInfo& current = now ? *now : info;
   MutexLock lock(mutex_);
   Handles& handles = handles_[ino];
   if (handles.shared == 0) {
@@ -292,21 +296,25 @@ std::optional<Result<Opened>> Folder::sharedAfterRefresh(Ino ino, const NodeInfo
     ::close(fresh->fd);
     ++handles.opening;
     lock.unlock();
-    auto opened = openOwn(ino, now ? *now : info, flags);
+    auto opened = openOwn(ino, current, flags);
     if (!opened) abandonOpening(ino);
     return opened;
   }
   Shared& shared = handles.file;
-  if (now && outdated(shared, *now)) {
+  if (outdated(shared, current)) {
     int error = ::ftruncate(shared.fd, 0) == 0 && ::lseek(shared.fd, 0, SEEK_SET) == 0
                     ? copyContents(fresh->fd, shared.fd)
                     : errno;
-    if (error) log("driver: cannot bring a shared copy up to date ({})", std::strerror(error));
     // What the copy holds now is not what was lent: it is not taken back.
-    shared.version = now->record.version->contentVersion;
+    shared.version = current.record.version->contentVersion;
+    if (error) {
+      // Half the new contents: no open may start from them, writers least.
+      shared.broken = true;
+      log("driver: cannot bring a shared copy up to date ({})", std::strerror(error));
+    }
   }
   ::close(fresh->fd);
-  return openShared(ino, shared, now ? *now : info, flags);
+  return openShared(ino, shared, current, flags);
 }
 
 Result<Opened> Folder::openOwn(Ino ino, const NodeInfo& info, int flags) {
@@ -346,6 +354,7 @@ void Folder::abandonOpening(Ino ino) {
 
 Result<Opened> Folder::openShared(Ino ino, Shared& shared, const NodeInfo& info, int flags) {
   const bool writer = (flags & O_ACCMODE) != O_RDONLY;
+  if (shared.broken) return errnoFailure(EIO, "the shared copy could not be brought up to date");
   int fd = -1;
   if (writer) {
     if (shared.lent) {
@@ -373,6 +382,36 @@ Result<Opened> Folder::openShared(Ino ino, Shared& shared, const NodeInfo& info,
   ++handles.open;
   ++handles.shared;
   return Opened{handle, false, shared.backing};
+}
+
+void Folder::catchUpShared(Ino ino) {
+  {
+    MutexLock lock(mutex_);
+    auto it = handles_.find(ino);
+    if (it == handles_.end() || it->second.shared == 0 || it->second.file.lent) return;
+  }
+  auto info = replica_.info(ino);
+  if (!info) return;
+  auto fresh = readCloudCopy(ino, *info, false);
+  if (!fresh) {
+    log("driver: {} keeps showing its local contents ({})", info->name, fresh.failure().message);
+    return;
+  }
+  MutexLock lock(mutex_);
+  auto it = handles_.find(ino);
+  // Writers open, or changes since: those go up in turn, as they are.
+  if (it != handles_.end() && it->second.shared > 0 && !it->second.file.lent &&
+      working_.settled(ino)) {
+    Shared& shared = it->second.file;
+    int error = ::ftruncate(shared.fd, 0) == 0 && ::lseek(shared.fd, 0, SEEK_SET) == 0
+                    ? copyContents(fresh->fd, shared.fd)
+                    : errno;
+    if (error) {
+      shared.broken = true;
+      log("driver: cannot bring a shared copy up to date ({})", std::strerror(error));
+    }
+  }
+  ::close(fresh->fd);
 }
 
 Result<void> Folder::takeOver(Ino ino, Shared& shared) {
@@ -462,7 +501,7 @@ Opened Folder::track(OpenFile file, const std::optional<std::string>& version,
   Handles& handles = handles_[file.ino];
   --handles.opening;
   if (shareable && version && handles.open == 0 && handles.opening == 0 &&
-      share(file, *version)) {
+      !working_.newest(file.ino) && share(file, *version)) {
     auto owned = std::make_unique<OpenFile>(std::move(file));
     OpenFile* handle = owned.get();
     files_.emplace(handle, std::move(owned));

@@ -189,17 +189,20 @@ class Folder {
   // Whether the cloud's contents moved on from the lent copy shared.
   static bool outdated(const Shared& shared, const NodeInfo& info);
   // An open of a file shared at older cloud contents: the current ones are
-  // fetched and written into the shared file first. None when the file is
-  // not shared (an ordinary open follows).
-  std::optional<Result<Opened>> sharedAfterRefresh(Ino ino, const NodeInfo& info, int flags)
-      EXCLUDES(mutex_);
+  // fetched and written into the shared file first.
+  Result<Opened> openRefreshed(Ino ino, const NodeInfo& info, int flags) EXCLUDES(mutex_);
+  // The cloud kept its contents and ours went to a conflicted copy: a file
+  // still shared (so still the working copy) takes the cloud's contents
+  // back, when nothing changed it since.
+  void catchUpShared(Ino ino) EXCLUDES(mutex_);
   // Makes the shared file the inode's working copy.
   Result<void> takeOver(Ino ino, Shared& shared) REQUIRES(mutex_);
   // Starts sharing the lent copy `file` is open on, when the kernel can.
   bool share(OpenFile& file, const std::string& version) REQUIRES(mutex_);
   // The shared file's last open was released.
   void unshared(Ino ino, Shared shared);
-  // A non-shared open ends its way in, having failed: see Handles::opening.
+  // A non-shared open (or a rewrite) ends its way in without a handle: see
+  // Handles::opening.
   void abandonOpening(Ino ino) EXCLUDES(mutex_);
   Attributes withLocalContents(Attributes attributes);
   // Sets or (with none) drops the time shown for a folder in place of the cloud's.
@@ -293,6 +296,7 @@ class Folder {
     int backing = -1;
     std::string version;                // the cloud contents it held when lent
     std::optional<Copies::Lent> lent;   // none once it is the working copy
+    bool broken = false;                // a refresh failed half way: no more opens
   };
   struct Handles {
     int open = 0;

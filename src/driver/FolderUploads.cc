@@ -259,6 +259,7 @@ void Folder::uploadReported(Ino ino, uint64_t generation, const Sent& sent) {
   else if (keep)
     ::unlink(keep->c_str());
   if (sent.outcome == Outcome::ConflictCopy) {
+    catchUpShared(ino);
     auto info = replica_.info(ino);
     log("driver: {} changed in the cloud meanwhile; the local contents went to a conflicted copy",
         info ? info->name : std::string("a file"));

@@ -486,11 +486,13 @@ int FuseAdapter::serve(Folder& folder, bool signals) {
     sigaddset(&set, SIGHUP);
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
   }
+  // Before any notification may go: until the INIT is answered, the
+  // session's descriptor is not the kernel's.
+  answerInit();
   {
     MutexLock lock(mutex_);
     live_ = true;
   }
-  answerInit();
   fuse_loop_config* config = fuse_loop_cfg_create();
   fuse_loop_cfg_set_max_threads(config, 32);
   int rc = fuse_session_loop_mt(session_, config);

@@ -172,6 +172,14 @@ void WorkingCopies::changed(Ino ino) {
     it->second.dirty = it->second.unrecorded = true;
 }
 
+bool WorkingCopies::settled(Ino ino) {
+  MutexLock lock(mutex_);
+  auto it = locals_.find(ino);
+  if (it == locals_.end()) return false;
+  const Local& local = it->second;
+  return local.writers == 0 && !local.dirty && !local.busy && local.waiting.empty();
+}
+
 bool WorkingCopies::unrecorded(Ino ino) {
   MutexLock lock(mutex_);
   auto it = locals_.find(ino);
@@ -215,6 +223,8 @@ std::optional<Sealed> WorkingCopies::closeWriter(Ino ino) {
                      ino, sealed.failure().message);
     return sealed ? *sealed : std::nullopt;
   }
+  // Pinned, it stays whatever was sealed from it: the kernel still serves it.
+  if (local->pinned) return std::nullopt;
   return settle(ino, *local);
 }
 

@@ -72,6 +72,9 @@ class WorkingCopies {
   std::optional<Sealed> unpin(Ino ino) EXCLUDES(mutex_);
   // A writer changed the working copy.
   void changed(Ino ino) EXCLUDES(mutex_);
+  // Whether the inode's copy has no writer, no change and nothing waiting
+  // for upload.
+  bool settled(Ino ino) EXCLUDES(mutex_);
   // Whether the local contents changed since the last call said so: true
   // once after each change, for the caller to make the change durable.
   bool unrecorded(Ino ino) EXCLUDES(mutex_);

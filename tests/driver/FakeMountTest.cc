@@ -337,27 +337,41 @@ TEST_F(FakeMount, ModificationTimesSetByProgramsReachTheCloud) {
   EXPECT_EQ(inCloud("notes.md")->contents, "# Notes\n");
 }
 
+// Also while another program holds the file open for reading: it then
+// reads the cloud's contents too, and a later edit goes on top of them.
 TEST_F(FakeMount, EditOfAFileChangedElsewhereMeanwhileBecomesAConflictedCopy) {
-  ASSERT_EQ(readAll(at("Docs/notes.md")), "# Notes\n");
-  int fd = ::open(at("Docs/notes.md").c_str(), O_WRONLY | O_TRUNC);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(::write(fd, "# Mine\n", 7), 7);
-  cloud->remoteWrite(notes, "# Theirs\n");  // while the file is open here
-  ASSERT_EQ(::close(fd), 0);
+  for (bool held : {false, true}) {
+    SCOPED_TRACE(held ? "held open by a reader" : "alone");
+    const std::string name = held ? "plan" : "notes";
+    const std::string before = held ? "# Plan\n" : "# Notes\n";  // contents of their own
+    const std::string id = held ? cloud->remoteAddFile(docs, "plan.md", before) : notes;
+    const fs::path path = at("Docs/" + name + ".md");
+    mount->signal(docs);
+    ASSERT_TRUE(eventually([&] { return readAll(path) == before; }));
+    std::ifstream reader;
+    if (held) reader.open(path);
+    int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::write(fd, "# Mine\n", 7), 7);
+    cloud->remoteWrite(id, "# Theirs\n");  // while the file is open here
+    ASSERT_EQ(::close(fd), 0);
 
-  const std::regex conflicted(R"(notes \(conflicted copy \d{4}-\d\d-\d\d \d{6}\)\.md)");
-  std::optional<FakeCloud::Entry> copy;
-  ASSERT_TRUE(eventually([&] {
-    for (auto& e : cloud->childrenOf(docs))
-      if (std::regex_match(e.name, conflicted)) copy = e;
-    return copy.has_value();
-  }));
-  EXPECT_EQ(copy->contents, "# Mine\n");
-  EXPECT_EQ(cloud->entry(notes)->contents, "# Theirs\n");
-  // The folder shows both, each with its own contents.
-  EXPECT_TRUE(eventually([&] { return readAll(at("Docs/notes.md")) == "# Theirs\n"; }));
-  EXPECT_TRUE(eventually([&] { return fs::exists(at("Docs/" + copy->name)); }));
-  EXPECT_EQ(readAll(at("Docs/" + copy->name)), "# Mine\n");
+    const std::regex conflicted(name + R"( \(conflicted copy \d{4}-\d\d-\d\d \d{6}\)\.md)");
+    std::optional<FakeCloud::Entry> copy;
+    ASSERT_TRUE(eventually([&] {
+      for (auto& e : cloud->childrenOf(docs))
+        if (std::regex_match(e.name, conflicted)) copy = e;
+      return copy.has_value();
+    }));
+    EXPECT_EQ(copy->contents, "# Mine\n");
+    EXPECT_EQ(cloud->entry(id)->contents, "# Theirs\n");
+    // The folder shows both, each with its own contents.
+    EXPECT_TRUE(eventually([&] { return readAll(path) == "# Theirs\n"; }));
+    EXPECT_TRUE(eventually([&] { return fs::exists(at("Docs/" + copy->name)); }));
+    EXPECT_EQ(readAll(at("Docs/" + copy->name)), "# Mine\n");
+    ASSERT_EQ(run("echo more >> " + quoted(path.string())).rc, 0);
+    EXPECT_TRUE(cloudHolds(name + ".md", "# Theirs\nmore\n"));
+  }
 }
 
 TEST_F(FakeMount, ChangesFromElsewhereShowAfterTheSignalWithoutRemount) {
