@@ -62,7 +62,7 @@ class Copies {
     // With `hold`: the copy held until closed(file).
     std::string file;
     // The held file is one of the cache's own (not the host's): it may be
-    // given up.
+    // lent.
     bool cached = false;
   };
   struct Use {
@@ -106,8 +106,9 @@ class Copies {
     uint64_t size = 0;  // counted against the limit while lent
   };
   // Lends the held copy at `path` when the caller's open is the only use
-  // of it and no other item shares it: it moves out of the cache's reach,
-  // uncounted, and closed() no longer applies to it.
+  // of it and no other item shares it: it moves out of the cache's reach
+  // (never evicted, still counted against the limit), and closed() no
+  // longer applies to it.
   std::optional<Lent> lend(const std::string& path) EXCLUDES(mutex_);
   // A lent copy comes back as it was checked; one that changed is deleted.
   void takeBack(const Lent& lent) EXCLUDES(mutex_);

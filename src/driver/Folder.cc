@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include "driver/Calls.h"
 #include "driver/ErrorMap.h"
@@ -272,7 +273,11 @@ Result<Opened> Folder::open(Ino ino, int flags) {
       refresh = true;  // the shared copy is behind the cloud
   }
   if (refresh) return openRefreshed(ino, *info, flags);
-  auto opened = openOwn(ino, *info, flags);
+  return openCounted(ino, *info, flags);
+}
+
+Result<Opened> Folder::openCounted(Ino ino, const NodeInfo& info, int flags) {
+  auto opened = openOwn(ino, info, flags);
   if (!opened) abandonOpening(ino);
   return opened;
 }
@@ -296,22 +301,13 @@ Result<Opened> Folder::openRefreshed(Ino ino, const NodeInfo& info, int flags) {
     ::close(fresh->fd);
     ++handles.opening;
     lock.unlock();
-    auto opened = openOwn(ino, current, flags);
-    if (!opened) abandonOpening(ino);
-    return opened;
+    return openCounted(ino, current, flags);
   }
   Shared& shared = handles.file;
   if (outdated(shared, current)) {
-    int error = ::ftruncate(shared.fd, 0) == 0 && ::lseek(shared.fd, 0, SEEK_SET) == 0
-                    ? copyContents(fresh->fd, shared.fd)
-                    : errno;
+    refill(shared, fresh->fd);
     // What the copy holds now is not what was lent: it is not taken back.
     shared.version = current.record.version->contentVersion;
-    if (error) {
-      // Half the new contents: no open may start from them, writers least.
-      shared.broken = true;
-      log("driver: cannot bring a shared copy up to date ({})", std::strerror(error));
-    }
   }
   ::close(fresh->fd);
   return openShared(ino, shared, current, flags);
@@ -401,17 +397,20 @@ void Folder::catchUpShared(Ino ino) {
   auto it = handles_.find(ino);
   // Writers open, or changes since: those go up in turn, as they are.
   if (it != handles_.end() && it->second.shared > 0 && !it->second.file.lent &&
-      working_.settled(ino)) {
-    Shared& shared = it->second.file;
-    int error = ::ftruncate(shared.fd, 0) == 0 && ::lseek(shared.fd, 0, SEEK_SET) == 0
-                    ? copyContents(fresh->fd, shared.fd)
-                    : errno;
-    if (error) {
-      shared.broken = true;
-      log("driver: cannot bring a shared copy up to date ({})", std::strerror(error));
-    }
-  }
+      working_.settled(ino))
+    refill(it->second.file, fresh->fd);
   ::close(fresh->fd);
+}
+
+void Folder::refill(Shared& shared, int from) {
+  int error = ::ftruncate(shared.fd, 0) == 0 && ::lseek(shared.fd, 0, SEEK_SET) == 0
+                  ? copyContents(from, shared.fd)
+                  : errno;
+  if (error) {
+    // Half the new contents: no open may start from them, writers least.
+    shared.broken = true;
+    log("driver: cannot bring a shared copy up to date ({})", std::strerror(error));
+  }
 }
 
 Result<void> Folder::takeOver(Ino ino, Shared& shared) {
@@ -500,20 +499,16 @@ Opened Folder::track(OpenFile file, const std::optional<std::string>& version,
   MutexLock lock(mutex_);
   Handles& handles = handles_[file.ino];
   --handles.opening;
-  if (shareable && version && handles.open == 0 && handles.opening == 0 &&
-      !working_.newest(file.ino) && share(file, *version)) {
-    auto owned = std::make_unique<OpenFile>(std::move(file));
-    OpenFile* handle = owned.get();
-    files_.emplace(handle, std::move(owned));
-    ++handles.open;
-    return Opened{handle, false, handles.file.backing};
-  }
+  const bool alone = handles.open == 0 && handles.opening == 0;
+  const bool shared =
+      shareable && version && alone && !working_.newest(file.ino) && share(file, *version);
   auto owned = std::make_unique<OpenFile>(std::move(file));
   OpenFile* handle = owned.get();
-  handle->direct = handles.direct > 0 || (writeOnly && handles.open == 0);
-  ++handles.open;
-  if (handle->direct) ++handles.direct;
   files_.emplace(handle, std::move(owned));
+  if (!shared) handle->direct = handles.direct > 0 || (writeOnly && handles.open == 0);
+  ++handles.open;
+  if (shared) return Opened{handle, false, handles.file.backing};
+  if (handle->direct) ++handles.direct;
   bool keep = false;
   if (version) {
     auto cached = cachedVersion_.find(handle->ino);
@@ -536,7 +531,7 @@ void Folder::release(OpenFile* handle) {
     files_.erase(it);
     Handles& handles = handles_[file->ino];
     if (file->direct) --handles.direct;
-    if (file->shared && --handles.shared == 0) ended = std::move(handles.file);
+    if (file->shared && --handles.shared == 0) ended = std::exchange(handles.file, Shared{});
     if (--handles.open == 0 && handles.opening == 0) handles_.erase(file->ino);
   }
   ::close(file->fd);

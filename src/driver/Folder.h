@@ -184,6 +184,9 @@ class Folder {
   // back to the cache, a working copy is unpinned.
   struct Shared;
   Result<Opened> openOwn(Ino ino, const NodeInfo& info, int flags);
+  // openOwn() for an open counted on its way (Handles::opening), which it
+  // ends on every path.
+  Result<Opened> openCounted(Ino ino, const NodeInfo& info, int flags);
   Result<Opened> openShared(Ino ino, Shared& shared, const NodeInfo& info, int flags)
       REQUIRES(mutex_);
   // Whether the cloud's contents moved on from the lent copy shared.
@@ -195,6 +198,9 @@ class Folder {
   // still shared (so still the working copy) takes the cloud's contents
   // back, when nothing changed it since.
   void catchUpShared(Ino ino) EXCLUDES(mutex_);
+  // Replaces the shared file's contents with what `from` holds; on failure
+  // the file is marked broken.
+  void refill(Shared& shared, int from) REQUIRES(mutex_);
   // Makes the shared file the inode's working copy.
   Result<void> takeOver(Ino ino, Shared& shared) REQUIRES(mutex_);
   // Starts sharing the lent copy `file` is open on, when the kernel can.

@@ -1,5 +1,6 @@
 // Byte-level helpers shared by the layers above: hexadecimal text of digests,
-// writing a whole buffer to a descriptor, copying one open file into another. Pure or reentrant; any thread.
+// writing a whole buffer to a descriptor, copying one open file into another.
+// Pure or reentrant; any thread.
 #pragma once
 
 #include <cstddef>
